@@ -1,0 +1,22 @@
+# corvi_product_options: how the product is compiled. corvi_warnings: what every source here must pass.
+add_library(corvi_warnings INTERFACE)
+add_library(corvi_product_options INTERFACE)
+target_link_libraries(corvi_product_options INTERFACE corvi_warnings)
+target_compile_definitions(corvi_product_options INTERFACE
+  UNICODE _UNICODE NOMINMAX _WIN32_WINNT=0x0A00)
+if(MSVC)
+  target_compile_options(corvi_warnings INTERFACE /W4 /WX /permissive- /utf-8)
+  target_compile_options(corvi_product_options INTERFACE /guard:cf)
+  set(CMAKE_MSVC_RUNTIME_LIBRARY "MultiThreaded$<$<CONFIG:Debug>:Debug>")
+else()
+  target_compile_options(corvi_warnings INTERFACE
+    $<$<COMPILE_LANGUAGE:CXX>:-Wall;-Wextra;-Wpedantic;-Wshadow;-Wconversion;-Werror>)
+  target_compile_options(corvi_product_options INTERFACE
+    $<$<COMPILE_LANGUAGE:CXX>:-g;-ffunction-sections;-fdata-sections;-fstack-protector-strong>)
+  target_link_options(corvi_product_options INTERFACE -fstack-protector-strong)
+  # The optimised build is for size: the installer writes the DLL out for every single call.
+  target_compile_options(corvi_product_options INTERFACE
+    $<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CONFIG:Release>>:-Os;-D_FORTIFY_SOURCE=2>)
+  target_compile_definitions(corvi_product_options INTERFACE
+    $<$<CONFIG:Debug>:_GLIBCXX_ASSERTIONS>)
+endif()

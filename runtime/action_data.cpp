@@ -1,0 +1,44 @@
+#include "runtime/action_data.h"
+
+#include <msiquery.h>
+
+#include <stdexcept>
+#include <vector>
+
+#include "runtime/installer_log.h"
+
+namespace corvi {
+
+std::wstring GetActionDataValue(const std::wstring& actionData, const std::wstring& key) {
+    // "Not found" is -1 in this arithmetic, so an absent key starts one character before its length.
+    const int found = static_cast<int>(actionData.find(key));
+    const auto start = static_cast<size_t>(found + static_cast<int>(key.size()));
+    if (start > actionData.size()) {
+        throw std::out_of_range("invalid string position");
+    }
+    return actionData.substr(start, actionData.find(L';', start) - start);
+}
+
+std::optional<std::wstring> ReadShortProperty(MSIHANDLE session, const wchar_t* name) {
+    wchar_t value[260] = {};
+    DWORD size = ARRAYSIZE(value);
+    if (MsiGetPropertyW(session, name, value, &size) != ERROR_SUCCESS) {
+        return std::nullopt;
+    }
+    value[ARRAYSIZE(value) - 1] = L'\0';
+    return std::wstring(value);
+}
+
+std::wstring ReadActionData(MSIHANDLE session) {
+    wchar_t none[] = L"";
+    DWORD length = 0;
+    MsiGetPropertyW(session, L"CustomActionData", none, &length);
+    DWORD size = length + 1;
+    std::vector<wchar_t> text(size, L'\0');
+    MsiGetPropertyW(session, L"CustomActionData", text.data(), &size);
+    text.back() = L'\0';
+    WriteInstallerLog(session, L"CustomActionData: %s", text.data());
+    return text.data();
+}
+
+}  // namespace corvi

@@ -1,0 +1,40 @@
+#include "runtime/text.h"
+
+#include <algorithm>
+#include <cstdarg>
+#include <cwchar>
+#include <cwctype>
+#include <vector>
+
+namespace corvi {
+
+std::wstring ToLower(std::wstring text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](wchar_t character) { return static_cast<wchar_t>(std::towlower(character)); });
+    return text;
+}
+
+bool EqualsIgnoringCase(const std::wstring& left, const std::wstring& right) {
+    return _wcsicmp(left.c_str(), right.c_str()) == 0;
+}
+
+std::wstring WithTrailingSeparator(std::wstring directory) {
+    if (directory.empty() || (directory.back() != L'\\' && directory.back() != L'/')) {
+        directory += L'\\';
+    }
+    return directory;
+}
+
+std::wstring FormatBounded(size_t capacity, const wchar_t* format, ...) {
+    std::vector<wchar_t> buffer(capacity, L'\0');
+    va_list arguments;
+    va_start(arguments, format);
+    _vsnwprintf(buffer.data(), capacity - 1, format, arguments);
+    va_end(arguments);
+    buffer.back() = L'\0';
+    return buffer.data();
+}
+
+std::wstring Bounded(const std::wstring& text, size_t capacity) { return text.substr(0, capacity - 1); }
+
+}  // namespace corvi

@@ -1,0 +1,51 @@
+#!/bin/sh
+# Installs what the build, the tests and the checks need and this machine lacks: Debian 12's own
+# packages, as root or through sudo. Says nothing when nothing is missing.
+set -eu
+
+packages="
+cmake ninja-build ccache python3
+g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64
+googletest
+wine wine64
+wixl msitools
+clang-format clang-tidy cppcheck gcovr
+"
+
+missing=
+for package in $packages; do
+  state=$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null || true)
+  [ "$state" = installed ] || missing="$missing $package"
+done
+[ -n "$missing" ] || exit 0
+
+if [ "$(id -u)" -eq 0 ]; then
+  as_root=
+elif command -v sudo >/dev/null 2>&1; then
+  as_root=sudo
+else
+  echo "setup: missing packages:$missing; run 'make setup' as root, or install sudo" >&2
+  exit 1
+fi
+
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+run_apt() {
+  # Another checkout may be installing at the same moment: wait for the package manager's lock.
+  if ! $as_root env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=900 "$@" >"$log" 2>&1; then
+    cat "$log" >&2
+    echo "setup: 'apt-get $*' failed" >&2
+    exit 1
+  fi
+}
+
+echo "setup: installing$missing"
+# Two index updates at a time make one of them fail at once: they take turns.
+if command -v flock >/dev/null 2>&1; then
+  exec 9>"${TMPDIR:-/tmp}/corvi-setup.$(id -u).lock"
+  flock 9
+fi
+run_apt update -q
+# shellcheck disable=SC2086 # one word a package
+run_apt install -q -y --no-install-recommends $missing
+echo "setup: done"

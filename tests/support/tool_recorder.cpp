@@ -1,0 +1,84 @@
+#include "tests/support/tool_recorder.h"
+
+#include <windows.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+
+namespace corvi::test {
+namespace {
+
+constexpr wchar_t kRecorder[] = L"C:\\corvi\\recorder.exe";
+constexpr wchar_t kRecord[] = L"C:\\corvi\\recorded.txt";
+
+std::wstring OriginalOf(const std::wstring& path) { return path + L".original"; }
+std::wstring ExitCodeOf(const std::wstring& path) { return path + L".exitcode"; }
+
+}  // namespace
+
+ToolRecorder::ToolRecorder() { ClearRuns(); }
+
+ToolRecorder::~ToolRecorder() {
+    for (const Replaced& tool : replaced_) {
+        // A recorder that was started without waiting may still be running.
+        for (int attempt = 0; attempt < 200 && DeleteFileW(tool.path.c_str()) == FALSE; ++attempt) {
+            Sleep(10);
+        }
+        DeleteFileW(ExitCodeOf(tool.path).c_str());
+        if (tool.hadOriginal) {
+            MoveFileExW(OriginalOf(tool.path).c_str(), tool.path.c_str(), MOVEFILE_REPLACE_EXISTING);
+        }
+    }
+}
+
+void ToolRecorder::StandInFor(const std::wstring& path, unsigned exitCode) {
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    // The original is moved, never written to: files of the Windows directory are shared with the
+    // template that this prefix was made from.
+    const bool hadOriginal = MoveFileExW(path.c_str(), OriginalOf(path).c_str(), 0) != FALSE;
+    if (CopyFileW(kRecorder, path.c_str(), TRUE) == FALSE) {
+        throw std::runtime_error("cannot put the recorder in place: " + std::to_string(GetLastError()));
+    }
+    std::ofstream(std::filesystem::path(ExitCodeOf(path))) << exitCode;
+    replaced_.push_back({path, hadOriginal});
+}
+
+void ToolRecorder::StandInForSystemTool(const std::wstring& fileName, unsigned exitCode) {
+    StandInFor(L"C:\\windows\\system32\\" + fileName, exitCode);
+}
+
+std::vector<RecordedRun> ToolRecorder::Runs() const {
+    std::ifstream file(std::filesystem::path(kRecord), std::ios::binary);
+    const std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    std::wstring text(bytes.size() / sizeof(wchar_t), L'\0');
+    std::copy_n(bytes.data(), text.size() * sizeof(wchar_t), reinterpret_cast<char*>(text.data()));
+
+    std::vector<std::wstring> fields;
+    for (size_t start = 0; start < text.size();) {
+        const size_t end = text.find(L'\0', start);
+        fields.push_back(text.substr(start, end - start));
+        start = end == std::wstring::npos ? text.size() : end + 1;
+    }
+    std::vector<RecordedRun> runs;
+    for (size_t index = 0; index + 2 < fields.size(); index += 3) {
+        runs.push_back({fields[index], fields[index + 1], fields[index + 2]});
+    }
+    return runs;
+}
+
+std::vector<RecordedRun> ToolRecorder::WaitForRuns(size_t count) const {
+    for (int attempt = 0; attempt < 1000; ++attempt) {
+        auto runs = Runs();
+        if (runs.size() >= count) {
+            return runs;
+        }
+        Sleep(10);
+    }
+    return Runs();
+}
+
+void ToolRecorder::ClearRuns() { DeleteFileW(kRecord); }
+
+}  // namespace corvi::test

@@ -1,0 +1,46 @@
+#!/bin/sh
+# Makes the Wine prefix from which every throwaway prefix is copied, once: a new Windows directory
+# without any link out of it, marked as a machine that tests may change.
+# usage: wine-template.sh DIRECTORY
+set -eu
+
+template=$1
+[ ! -f "$template/.complete" ] || exit 0
+mkdir -p "$template"
+template=$(cd "$template" && pwd)
+
+exec 9>"$template.lock"
+flock 9
+[ ! -f "$template/.complete" ] || exit 0
+
+rm -rf "$template"
+mkdir -p "$template"
+export WINEPREFIX="$template" WINEARCH=win64 WINEDEBUG=-all
+export WINEDLLOVERRIDES='mscoree,mshtml=;winedbg.exe=d'
+unset DISPLAY || true
+
+fail() {
+  echo "wine-template: $1" >&2
+  exit 1
+}
+command -v wine >/dev/null 2>&1 || fail "wine is not installed; run 'make setup'"
+timeout -k 5 180 wineboot -i >/dev/null 2>&1 || fail "wineboot failed"
+set_value() {
+  timeout -k 5 60 wine reg add "$1" /v "$2" /t "$3" /d "$4" /f >/dev/null 2>&1 || fail "cannot write $1 $2"
+}
+set_value 'HKLM\SOFTWARE\CorviTests' ThrowawayMachine REG_DWORD 1
+# A recent Windows, as far as the registry tells.
+set_value 'HKLM\SOFTWARE\Microsoft\Windows NT\CurrentVersion' CurrentMajorVersionNumber REG_DWORD 10
+set_value 'HKLM\SOFTWARE\Microsoft\Windows NT\CurrentVersion' CurrentBuild REG_SZ 22631
+set_value 'HKLM\SOFTWARE\Microsoft\Windows NT\CurrentVersion' UBR REG_DWORD 2861
+# The crash dialogue must never attach: it would hide a crash behind exit code 0.
+set_value 'HKLM\SOFTWARE\Microsoft\Windows NT\CurrentVersion\AeDebug' Debugger REG_SZ false
+wineserver -k 2>/dev/null || true
+wineserver -w 2>/dev/null || true
+
+find "$template/drive_c/users" -type l | while read -r link; do
+  rm "$link"
+  mkdir "$link"
+done
+rm -rf "$template/dosdevices"
+touch "$template/.complete"
