@@ -1,0 +1,220 @@
+#include "runtime/registry.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace corvi {
+namespace {
+
+constexpr wchar_t kRunKey[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Run";
+constexpr size_t kUninstallTextCapacity = 260;
+
+void ThrowIfFailed(LSTATUS status, const char* message) {
+    if (status != ERROR_SUCCESS) {
+        throw RegKeyError(status, message);
+    }
+}
+
+/// A zeroed buffer that takes byteCount bytes and still ends in a terminator: stored data may have an
+/// odd size and no terminator of its own. Its data() is never null.
+std::wstring BufferForBytes(DWORD byteCount) { return std::wstring(byteCount / sizeof(wchar_t) + 2, L'\0'); }
+
+/// Cuts a buffer to the whole characters that a read returned.
+void CutToBytes(std::wstring& buffer, DWORD byteCount) {
+    buffer.resize(std::min<size_t>(byteCount / sizeof(wchar_t), buffer.size()));
+}
+
+/// Splits at every terminator, empty pieces included. Data that does not end in a terminator keeps its
+/// last piece.
+std::vector<std::wstring> SplitAtTerminators(const std::wstring& data) {
+    std::vector<std::wstring> pieces;
+    std::wstring piece;
+    for (const wchar_t character : data) {
+        if (character == L'\0') {
+            pieces.push_back(std::move(piece));
+            piece.clear();
+        } else {
+            piece += character;
+        }
+    }
+    if (!piece.empty()) {
+        pieces.push_back(std::move(piece));
+    }
+    return pieces;
+}
+
+std::string Narrow(const std::wstring& text) {
+    const int length = static_cast<int>(std::min<size_t>(text.size(), kUninstallTextCapacity));
+    const int size = WideCharToMultiByte(CP_ACP, 0, text.data(), length, nullptr, 0, nullptr, nullptr);
+    std::string narrow(static_cast<size_t>(std::max(size, 0)), '\0');
+    WideCharToMultiByte(CP_ACP, 0, text.data(), length, narrow.data(), size, nullptr, nullptr);
+    return narrow;
+}
+
+/// Collects count names of at most longest characters; enumerate is called with index, buffer and its
+/// size in characters (in: capacity, out: length).
+template <typename Enumerate>
+std::vector<std::wstring> CollectNames(DWORD count, DWORD longest, Enumerate enumerate) {
+    std::vector<std::wstring> names;
+    std::vector<wchar_t> buffer(size_t{longest} + 1, L'\0');
+    for (DWORD index = 0; index < count; ++index) {
+        DWORD length = longest + 1;
+        ThrowIfFailed(enumerate(index, buffer.data(), &length), kEnumerateFailed);
+        names.emplace_back(buffer.data(), std::min(length, longest));
+    }
+    return names;
+}
+
+}  // namespace
+
+RegKeyError::RegKeyError(LSTATUS code, const char* message)
+    : std::system_error(static_cast<int>(code), std::system_category(), message) {}
+
+RegKeyError::RegKeyError(LSTATUS code, const std::string& message)
+    : std::system_error(static_cast<int>(code), std::system_category(), message) {}
+
+RegKey::~RegKey() { Close(); }
+
+RegKey::RegKey(RegKey&& other) noexcept : key_(std::exchange(other.key_, nullptr)) {}
+
+RegKey& RegKey::operator=(RegKey&& other) noexcept {
+    if (this != &other) {
+        Close();
+        key_ = std::exchange(other.key_, nullptr);
+    }
+    return *this;
+}
+
+void RegKey::Close() noexcept {
+    if (key_ != nullptr) {
+        RegCloseKey(std::exchange(key_, nullptr));
+    }
+}
+
+RegKey RegKey::Open(HKEY root, const std::wstring& subkey, REGSAM access) {
+    LSTATUS status = ERROR_SUCCESS;
+    RegKey key = TryOpen(root, subkey, access, &status);
+    ThrowIfFailed(status, kOpenKeyFailed);
+    return key;
+}
+
+RegKey RegKey::TryOpen(HKEY root, const std::wstring& subkey, REGSAM access, LSTATUS* status) {
+    HKEY key = nullptr;
+    const LSTATUS result = RegOpenKeyExW(root, subkey.c_str(), 0, access, &key);
+    if (status != nullptr) {
+        *status = result;
+    }
+    return RegKey(result == ERROR_SUCCESS ? key : nullptr);
+}
+
+RegKey RegKey::OpenOrCreate(HKEY root, const std::wstring& subkey) {
+    if (RegKey existing = TryOpen(root, subkey, KEY_ALL_ACCESS)) {
+        return existing;
+    }
+    HKEY key = nullptr;
+    const LSTATUS result = RegCreateKeyExW(root, subkey.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE,
+                                           KEY_SET_VALUE, nullptr, &key, nullptr);
+    return RegKey(result == ERROR_SUCCESS ? key : nullptr);
+}
+
+std::wstring RegKey::GetString(const std::wstring& subkey, const std::wstring& valueName,
+                               bool throwOnError) const {
+    DWORD size = 0;
+    const LSTATUS sizing =
+        RegGetValueW(key_, subkey.c_str(), valueName.c_str(), RRF_RT_REG_SZ, nullptr, nullptr, &size);
+    std::wstring text = BufferForBytes(size);
+    const LSTATUS reading =
+        RegGetValueW(key_, subkey.c_str(), valueName.c_str(), RRF_RT_REG_SZ, nullptr, text.data(), &size);
+    if (reading != ERROR_SUCCESS) {
+        if (throwOnError) {
+            // Callers know the error by the code of the sizing call, even where only the read failed.
+            throw RegKeyError(sizing, kGetValueFailed);
+        }
+        return {};
+    }
+    CutToBytes(text, size);
+    return text.c_str();
+}
+
+DWORD RegKey::GetDword(const std::wstring& valueName) const {
+    DWORD value = 0;
+    DWORD size = sizeof(value);
+    ThrowIfFailed(RegGetValueW(key_, nullptr, valueName.c_str(), RRF_RT_REG_DWORD, nullptr, &value, &size),
+                  kGetValueFailed);
+    return value;
+}
+
+std::vector<std::wstring> RegKey::GetMultiString(const std::wstring& valueName) const {
+    DWORD size = 0;
+    ThrowIfFailed(RegGetValueW(key_, L"", valueName.c_str(), RRF_RT_REG_MULTI_SZ, nullptr, nullptr, &size),
+                  kGetValueFailed);
+    std::wstring data = BufferForBytes(size);
+    ThrowIfFailed(
+        RegGetValueW(key_, L"", valueName.c_str(), RRF_RT_REG_MULTI_SZ, nullptr, data.data(), &size),
+        kGetValueFailed);
+    CutToBytes(data, size);
+    return SplitAtTerminators(data);
+}
+
+bool RegKey::SetMultiString(const std::wstring& valueName, const std::vector<std::wstring>& strings) const {
+    std::wstring data;
+    for (const std::wstring& string : strings) {
+        data += string;
+        data += L'\0';
+    }
+    data += L'\0';
+    return RegSetValueExW(key_, valueName.c_str(), 0, REG_MULTI_SZ,
+                          reinterpret_cast<const BYTE*>(data.data()),
+                          static_cast<DWORD>(data.size() * sizeof(wchar_t))) == ERROR_SUCCESS;
+}
+
+LSTATUS RegKey::SetString(const std::wstring& valueName, const std::wstring& text) const {
+    return RegSetValueExW(key_, valueName.c_str(), 0, REG_SZ, reinterpret_cast<const BYTE*>(text.c_str()),
+                          static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
+}
+
+LSTATUS RegKey::SetDword(const std::wstring& valueName, DWORD value) const {
+    return RegSetValueExW(key_, valueName.c_str(), 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value),
+                          sizeof(value));
+}
+
+std::vector<std::wstring> RegKey::EnumSubkeys() const {
+    DWORD count = 0;
+    DWORD longest = 0;
+    ThrowIfFailed(RegQueryInfoKeyW(key_, nullptr, nullptr, nullptr, &count, &longest, nullptr, nullptr,
+                                   nullptr, nullptr, nullptr, nullptr),
+                  kQueryKeyFailed);
+    return CollectNames(count, longest, [this](DWORD index, wchar_t* name, DWORD* length) {
+        return RegEnumKeyExW(key_, index, name, length, nullptr, nullptr, nullptr, nullptr);
+    });
+}
+
+std::vector<std::wstring> RegKey::EnumValues() const {
+    DWORD count = 0;
+    DWORD longest = 0;
+    ThrowIfFailed(RegQueryInfoKeyW(key_, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, &count,
+                                   &longest, nullptr, nullptr, nullptr),
+                  kQueryKeyFailed);
+    return CollectNames(count, longest, [this](DWORD index, wchar_t* name, DWORD* length) {
+        return RegEnumValueW(key_, index, name, length, nullptr, nullptr, nullptr, nullptr);
+    });
+}
+
+std::string UninstallWriteErrorText(const std::wstring& valueName, const std::wstring& data) {
+    const std::string text = "Unable to write to uninstall registry for value = " + Narrow(valueName) +
+                             " data = " + Narrow(data) + ".";
+    return text.substr(0, kUninstallTextCapacity - 1);
+}
+
+bool WriteMachineString(const std::wstring& key, const std::wstring& valueName, const std::wstring& text) {
+    const RegKey target = RegKey::OpenOrCreate(HKEY_LOCAL_MACHINE, key);
+    return target && target.SetString(valueName, text) == ERROR_SUCCESS;
+}
+
+LSTATUS DeleteRunValue(const std::wstring& name) {
+    LSTATUS status = ERROR_SUCCESS;
+    const RegKey run = RegKey::TryOpen(HKEY_LOCAL_MACHINE, kRunKey, KEY_ALL_ACCESS, &status);
+    return run ? RegDeleteValueW(run.Get(), name.c_str()) : status;
+}
+
+}  // namespace corvi
