@@ -27,7 +27,8 @@ constexpr wchar_t kInstallManagerImage[] = L"TAVOInstallManager.exe";
 constexpr wchar_t kQelKey[] = L"SOFTWARE\\QEL";
 
 bool IsProcessRunning(const wchar_t* imageName) {
-    const FileHandle snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
+    // Held as a handle whose "none" is null: the snapshot is closed in every case, a failed one included.
+    const KernelHandle snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
     PROCESSENTRY32W entry = {};
     entry.dwSize = sizeof(entry);
     for (BOOL more = Process32FirstW(snapshot.Get(), &entry); more != FALSE;

@@ -12,11 +12,13 @@ namespace corvi {
 std::wstring GetActionDataValue(const std::wstring& actionData, const std::wstring& key) {
     // "Not found" is -1 in this arithmetic, so an absent key starts one character before its length.
     const int found = static_cast<int>(actionData.find(key));
-    const auto start = static_cast<size_t>(found + static_cast<int>(key.size()));
-    if (start > actionData.size()) {
+    const int keyLength = static_cast<int>(key.size());
+    const int start = found + keyLength;
+    const auto position = static_cast<size_t>(start);
+    if (position > actionData.size()) {
         throw std::out_of_range("invalid string position");
     }
-    return actionData.substr(start, actionData.find(L';', start) - start);
+    return actionData.substr(position, actionData.find(L';', position) - position);
 }
 
 std::optional<std::wstring> ReadShortProperty(MSIHANDLE session, const wchar_t* name) {

@@ -13,7 +13,7 @@ namespace corvi::test {
 /// A function's name as a template argument.
 template <size_t Size>
 struct FunctionName {
-    char text[Size];
+    char text[Size] = {};
     // NOLINTNEXTLINE(google-explicit-constructor): a string literal becomes the name
     constexpr FunctionName(const char (&literal)[Size]) { std::copy_n(literal, Size, text); }
 };

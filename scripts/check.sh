@@ -1,0 +1,55 @@
+#!/bin/sh
+# Everything that can be told without running the library: format, layout, size, lint, analysis.
+# Needs build/release to be configured and build/Corvi_CA.dll to be built.
+set -u
+cd "$(dirname "$0")/.." || exit 1
+
+failed=0
+step() {
+  name=$1
+  shift
+  if "$@"; then
+    echo "check: $name: ok"
+  else
+    echo "check: $name: FAILED" >&2
+    failed=1
+  fi
+}
+
+sources() {
+  git ls-files -c -o --exclude-standard -- "$@" | grep -E '\.(cpp|h)$' | grep -v '\.in$'
+}
+product_folders="runtime services msiregistry tasks components actions"
+
+format() {
+  sources . | tr '\n' '\0' | xargs -0 clang-format --dry-run -Werror || {
+    echo "check: 'clang-format -i FILE' mends the format" >&2
+    return 1
+  }
+}
+
+tidy() {
+  # clang needs to be told of the cross compiler's target and headers.
+  include=$(x86_64-w64-mingw32-g++-posix -print-file-name=include)/c++
+  sources $product_folders tests bench | grep '\.cpp$' | tr '\n' '\0' |
+    xargs -0 -n 4 -P "$(nproc)" clang-tidy --quiet -p build/release \
+      --extra-arg-before=--target=x86_64-w64-mingw32 \
+      --extra-arg=-nostdinc++ \
+      "--extra-arg=-isystem$include" \
+      "--extra-arg=-isystem$include/x86_64-w64-mingw32" \
+      --extra-arg=-isystem/usr/x86_64-w64-mingw32/include 2>/dev/null
+}
+
+analysis() {
+  # shellcheck disable=SC2086 # one word a folder
+  cppcheck --quiet --enable=warning,performance,portability --inline-suppr --error-exitcode=1 \
+    --std=c++20 --platform=win64 --library=windows -D_WIN32 -DUNICODE -D__cplusplus=202002L \
+    -j "$(nproc)" -I . -I build/release/generated $product_folders
+}
+
+step "format" format
+step "folders and includes" python3 scripts/check_layout.py
+step "size and imports" python3 scripts/check_dll.py build/Corvi_CA.dll
+step "cppcheck" analysis
+step "clang-tidy" tidy
+exit "$failed"
