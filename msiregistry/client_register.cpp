@@ -1,0 +1,51 @@
+#include "msiregistry/client_register.h"
+
+#include "runtime/registry.h"
+
+namespace corvi {
+namespace {
+
+constexpr wchar_t kDriverServiceKey[] = L"System\\CurrentControlSet\\Services\\tavofendr";
+constexpr wchar_t kDriverStateSubkey[] = L"State\\TUEP";
+
+/// The subkey, opened or created below an open key; empty when neither works.
+RegKey CreateSubkey(const RegKey& parent, const wchar_t* subkey) {
+    HKEY key = nullptr;
+    const LSTATUS status = RegCreateKeyExW(parent.Get(), subkey, 0, nullptr, REG_OPTION_NON_VOLATILE,
+                                           KEY_ALL_ACCESS, nullptr, &key, nullptr);
+    return RegKey(status == ERROR_SUCCESS ? key : nullptr);
+}
+
+}  // namespace
+
+bool SetClientStatus(const std::wstring& valueName, DWORD status) {
+    const RegKey key = RegKey::OpenOrCreate(HKEY_LOCAL_MACHINE, kClientRegisterKey);
+    if (!key) {
+        return false;
+    }
+    // A refused write counts as done: no package ever asked for more than the key.
+    key.SetDword(valueName, status);
+    return true;
+}
+
+bool SetDriverTuepStatus(DWORD status) {
+    const RegKey service = RegKey::TryOpen(HKEY_LOCAL_MACHINE, kDriverServiceKey, KEY_ALL_ACCESS);
+    if (!service) {
+        return false;
+    }
+    const RegKey state = CreateSubkey(service, kDriverStateSubkey);
+    return state && state.SetDword(kDriverStatusName, status) == ERROR_SUCCESS;
+}
+
+bool MarkTuepClient(const std::wstring& clientName, DWORD status) {
+    const std::wstring valueName = clientName + kStatusSuffix;
+    if (!SetClientStatus(valueName, status)) {
+        return false;
+    }
+    if (valueName == kDriverStatusName) {
+        SetDriverTuepStatus(status);
+    }
+    return true;
+}
+
+}  // namespace corvi
