@@ -21,6 +21,10 @@ int RunCommandline(const std::wstring& command, const wchar_t* workingDirectory,
 /// program was started; its exit code is not read.
 bool RunProcessAndWait(wchar_t* commandLine, const std::wstring& workingDirectory, bool wait);
 
+/// The text on a failed start: the command line and the platform's error number. RunProcessAndWait
+/// composes it and writes it nowhere.
+std::wstring LaunchFailureText(const std::wstring& commandLine, DWORD error);
+
 /// Starts a file through the shell, hidden and without any message box, and waits at most
 /// timeoutMilliseconds. Gives the exit code, 259 when it still runs (it is not ended), or the platform
 /// error of a failed start. Stands on ShellExecuteExW.

@@ -1,0 +1,56 @@
+#include "runtime/known_paths.h"
+
+#include <windows.h>
+
+#include <shlobj.h>
+#include <wrl/client.h>
+
+#include "runtime/unique_handle.h"
+
+namespace corvi {
+namespace {
+
+struct ItemListTraits {
+    using Handle = PIDLIST_ABSOLUTE;
+    static Handle None() noexcept { return nullptr; }
+    static void Close(Handle itemList) noexcept {
+        Microsoft::WRL::ComPtr<IMalloc> allocator;
+        if (SUCCEEDED(SHGetMalloc(&allocator)) && allocator) {
+            allocator->Free(itemList);
+        }
+    }
+};
+using ItemList = UniqueHandle<ItemListTraits>;
+
+}  // namespace
+
+int GetKnownFolderPath(int csidl, std::wstring& path) {
+    ItemList itemList;
+    const int result = SHGetFolderLocation(nullptr, csidl, nullptr, 0, itemList.Put()) == S_OK ? 1 : 0;
+    if (!itemList) {
+        return result;
+    }
+    wchar_t text[MAX_PATH] = {};
+    if (SHGetPathFromIDListW(itemList.Get(), text) != FALSE) {
+        path = text;
+    }
+    return result;
+}
+
+std::wstring GetWindowsDriveRoot() {
+    wchar_t directory[MAX_PATH] = {};
+    if (GetWindowsDirectoryW(directory, MAX_PATH) == 0) {
+        return {};
+    }
+    const std::wstring text = directory;
+    const size_t separator = text.find(L'\\');
+    return separator == std::wstring::npos ? text : text.substr(0, separator + 1);
+}
+
+std::wstring GetTemporaryDirectory() {
+    wchar_t directory[MAX_PATH] = {};
+    const DWORD length = GetTempPathW(MAX_PATH, directory);
+    return length == 0 || length >= MAX_PATH ? std::wstring() : std::wstring(directory);
+}
+
+}  // namespace corvi
