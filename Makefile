@@ -22,7 +22,7 @@ debug: setup ## a build for the debugger: build/debug/Corvi_CA.dll
 
 demo: build ## install a real package through the library and show the installer's log
 	@cmake --build --preset release --target demo_packages -j $(JOBS)
-	@python3 scripts/demo.py
+	@sh scripts/demo.sh
 
 test: setup build/release/CMakeCache.txt ## build and run every test
 	@cmake --build --preset release -j $(JOBS)

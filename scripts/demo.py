@@ -1,0 +1,183 @@
+#!/usr/bin/env python3
+"""Tells the suite's story with the real installer and shows, for each run of a package, the custom
+actions, their lines in the installer log, and what changed on the machine.
+usage: demo.py LOG_FOLDER, in the environment of a throwaway Wine prefix (scripts/demo.sh)"""
+
+import os
+import pathlib
+import re
+import subprocess
+import sys
+import textwrap
+
+import demo_story
+
+TIMEOUT = 120  # seconds for one run of the installer
+WXI_ACTION = re.compile(r'CustomAction Id="(\w+)" BinaryKey="Corvi_CA"')
+
+
+class DemoFailure(Exception):
+    """One clear line for the reader."""
+
+
+def wine(*command):
+    """The output and exit code of a Windows program."""
+    try:
+        done = subprocess.run(["wine", *command], capture_output=True, stdin=subprocess.DEVNULL, timeout=TIMEOUT,
+                              check=False)
+    except FileNotFoundError as error:
+        raise DemoFailure("Wine is not installed; run 'make setup'") from error
+    except subprocess.TimeoutExpired as error:
+        raise DemoFailure(f"timed out after {TIMEOUT} s: {' '.join(command)}") from error
+    return done.stdout.decode("utf-8", "replace").replace("\r", ""), done.returncode
+
+
+class Machine:
+    """What can be asked of the machine that is installed on."""
+
+    def __init__(self, prefix):
+        self.drive = pathlib.Path(prefix) / "drive_c"
+
+    def path(self, windows_path):
+        return self.drive.joinpath(*windows_path.split("\\")[1:])
+
+    def probe(self, what):
+        """The state of one thing as text, or None when it is not there."""
+        kind, _, name = what.partition(" ")
+        if kind == "file":
+            return "there" if self.path(name).exists() else None
+        if kind == "task":
+            return "there" if (self.drive / "windows/system32/tasks" / name).exists() else None
+        if kind == "key":
+            return "there" if wine("reg", "query", name)[1] == 0 else None
+        if kind == "value":
+            key, _, value = name.rpartition(" | ")
+            output, code = wine("reg", "query", key, "/v", value)
+            return output.strip().split("    ")[-1].strip() if code == 0 else None
+        raise ValueError(what)
+
+    def state(self, probes):
+        return {what: self.probe(what) for what in probes}
+
+
+def plant(machine, things):
+    for what, content in things:
+        kind, _, name = what.partition(" ")
+        if kind == "file":
+            target = machine.path(name)
+            target.parent.mkdir(parents=True, exist_ok=True)
+            target.write_text(content, encoding="utf-8")
+        elif kind == "value":
+            key, _, value = name.rpartition(" | ")
+            number = content.startswith("dword:")
+            data = content.removeprefix("dword:")
+            _, code = wine("reg", "add", key, "/v", value, "/t", "REG_DWORD" if number else "REG_SZ",
+                           "/d", data, "/f")
+            if code != 0:
+                raise DemoFailure(f"could not plant {what}")
+        else:
+            raise ValueError(what)
+
+
+def custom_actions(log, known):
+    """(action, the installer's return value, its log lines) in the order in which they ran. A deferred
+    action stands twice in the log, written to the script and run: only the run counts."""
+    rows, current = [], None
+    deferred = False
+    for line in log.splitlines():
+        start = re.match(r"Action start [\d:]+: (\w+)\.", line)
+        end = re.match(r"Action ended [\d:]+: (\w+)\. Return value (\d+)\.", line)
+        if start:
+            deferred = deferred or start.group(1) == "InstallFinalize"
+            current = [start.group(1), None, [], deferred]
+        elif end and current and end.group(1) == current[0]:
+            current[1] = end.group(2)
+            if current[0] in known:
+                rows.append(current)
+            current = None
+        elif current and current[0] in known and line.strip() and not line.startswith("Action "):
+            current[2].append(line.rstrip())
+    run_later = {row[0] for row in rows if row[3]}
+    return [row[:3] for row in rows if row[3] or row[0] not in run_later]
+
+
+def table(rows, headers):
+    widths = [max(len(row[column]) for row in [headers, *rows]) for column in range(len(headers) - 1)]
+    last = max(20, 108 - sum(widths) - 3 * len(widths))
+
+    def show(row):
+        wrapped = [piece for line in (row[-1].split("\n") or [""])
+                   for piece in (textwrap.wrap(line, last) or [""])]
+        for index, piece in enumerate(wrapped):
+            cells = row[:-1] if index == 0 else [""] * len(widths)
+            print("  " + "   ".join([cell.ljust(width) for cell, width in zip(cells, widths)] + [piece]).rstrip())
+
+    show(headers)
+    show(["-" * width for width in widths] + ["-" * 20])
+    for row in rows:
+        show(row)
+
+
+RESULT_WORDS = {"0": "failed", "1": "ok", "2": "cancelled", "3": "failed"}
+
+
+def run_step(machine, number, step, logs, known):
+    print(f"\n[{number}] {step['title']}", flush=True)
+    plant(machine, step.get("plant", []))
+    before = machine.state(step["watch"])
+    log_name = f"{number:02}-{step['log']}.log"
+    command = f"msiexec {step['msiexec']} /qn /l*v C:\\corvi\\{log_name}"
+    print(f"    msiexec {step['msiexec']} /qn")
+    output, _ = wine("cmd", "/c", f"{command} & call echo result=%^errorlevel%")
+    match = re.search(r"result=(-?\d+)", output)
+    if not match:
+        raise DemoFailure(f"the installer gave no result: {output.strip()}")
+    code = int(match.group(1))
+    raw = (machine.drive / "corvi" / log_name).read_bytes()
+    text = raw.decode("utf-16" if raw[:2] == b"\xff\xfe" else "utf-8", "replace").replace("\r", "")
+    (logs / log_name).write_text(text, encoding="utf-8")
+    after = machine.state(step["watch"])
+
+    rows = [[name, RESULT_WORDS.get(value, value or "?"), "\n".join(lines)]
+            for name, value, lines in custom_actions(text, known)]
+    table(rows or [["(none)", "", ""]], ["action", "result", "log lines"])
+    changes = [f"{what}: {before[what] or 'absent'} -> {after[what] or 'absent'}"
+               for what in step["watch"] if before[what] != after[what]]
+    print("    changed on the machine: " + ("; ".join(changes) if changes else "nothing"))
+    print(f"    installer's result: {code}; full log: {logs / log_name}")
+
+    problems = []
+    if code != step["result"]:
+        problems.append(f"the installer's result is {code}, not {step['result']}")
+    for what, expected in step["expect"].items():
+        found = after[what]
+        if (found is None) != (expected is None) or (expected not in (None, True) and found != expected):
+            problems.append(f"{what} is {found or 'absent'}, not {expected or 'absent'}")
+    ran = [row[0] for row in rows]
+    for name in step["actions"]:
+        if name not in ran:
+            problems.append(f"{name} did not run")
+    for problem in problems:
+        print(f"    NOT AS EXPECTED: {problem}")
+    return not problems
+
+
+def main():
+    logs = pathlib.Path(sys.argv[1])
+    machine = Machine(os.environ["WINEPREFIX"])
+    include = pathlib.Path(__file__).parent.parent / "package" / "Corvi_CA.wxi"
+    known = set(WXI_ACTION.findall(include.read_text(encoding="utf-8")))
+    results = [run_step(machine, number, {"watch": list(step["expect"]), **step}, logs, known)
+               for number, step in enumerate(demo_story.STEPS, 1)]
+    good = sum(results)
+    print(f"\ndemo: {good} of {len(results)} runs of the installer went as expected: "
+          + ("PASSED" if all(results) else "FAILED"))
+    return 0 if all(results) else 1
+
+
+if __name__ == "__main__":
+    try:
+        sys.exit(main())
+    except DemoFailure as failure:
+        print(f"demo: {failure}", file=sys.stderr)
+        sys.exit(1)
