@@ -42,7 +42,8 @@ public:
     /// Makes the installer report another version.
     void PretendVersion(const std::wstring& version) const;
 
-    DWORD Repair() const { return RunMsiexec(L" /fa " + code_ + L" /qn"); }
+    /// Reinstalls everything from the cached package. (Wine's msiexec has no /fa for a product code.)
+    DWORD Repair() const { return RunMsiexec(L" /i " + code_ + L" REINSTALL=ALL REINSTALLMODE=a /qn"); }
     DWORD Uninstall() const { return RunMsiexec(L" /x " + code_ + L" /qn"); }
 
 private:

@@ -153,7 +153,7 @@ TEST(IsNotOlder, HugeNumbersAreComparedAsDoubles) {
     ExpectNewer(L"9007199254740992.0", L"9007199254740991.0");
     // The next number has no double of its own.
     ExpectEqual(L"9007199254740993.0", L"9007199254740992.0");
-    ExpectNewer(L"1" + std::wstring(100, L'0') + L".0", std::wstring(100, L'9') + L".0");
+    ExpectNewer(L"1" + std::wstring(100, L'0') + L".0", std::wstring(99, L'9') + L".0");
     ExpectEqual(std::wstring(400, L'9') + L".0", std::wstring(500, L'9') + L".0");
     ExpectNewer(std::wstring(400, L'9') + L".0", L"1.0");
     ExpectEqual(std::wstring(60000, L'0') + L"1.0", L"1.0");

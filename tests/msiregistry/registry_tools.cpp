@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <stdexcept>
+#include <utility>
 
 namespace corvi::test {
 namespace {
@@ -36,13 +37,27 @@ void Write(HKEY root, const std::wstring& path, const std::wstring& name, DWORD 
 }
 
 constexpr DWORD kLongestName = 16384;
+constexpr DWORD kUsualData = 65536;
 
-std::vector<std::wstring> Names(HKEY key, decltype(&RegEnumValueW) enumerate) {
+std::vector<std::wstring> NamesOfSubkeys(HKEY key) {
+    std::vector<std::wstring> names;
+    wchar_t name[256] = {};
+    DWORD length = 256;
+    for (DWORD index = 0;
+         RegEnumKeyExW(key, index, name, &length, nullptr, nullptr, nullptr, nullptr) == ERROR_SUCCESS;
+         ++index) {
+        names.emplace_back(name, length);
+        length = 256;
+    }
+    return names;
+}
+
+std::vector<std::wstring> NamesOfValues(HKEY key) {
     std::vector<std::wstring> names;
     std::vector<wchar_t> name(kLongestName);
     DWORD length = kLongestName;
     for (DWORD index = 0;
-         enumerate(key, index, name.data(), &length, nullptr, nullptr, nullptr, nullptr) == ERROR_SUCCESS;
+         RegEnumValueW(key, index, name.data(), &length, nullptr, nullptr, nullptr, nullptr) == ERROR_SUCCESS;
          ++index) {
         names.emplace_back(name.data(), length);
         length = kLongestName;
@@ -50,28 +65,46 @@ std::vector<std::wstring> Names(HKEY key, decltype(&RegEnumValueW) enumerate) {
     return names;
 }
 
-LSTATUS WINAPI EnumerateKey(HKEY key, DWORD index, LPWSTR name, LPDWORD length, LPDWORD, LPDWORD, LPBYTE,
-                            LPDWORD) {
-    return RegEnumKeyExW(key, index, name, length, nullptr, nullptr, nullptr, nullptr);
-}
-
-void Export(HKEY key, const std::wstring& path, std::vector<std::wstring>& lines) {
-    lines.push_back(path);
-    for (const std::wstring& name : Names(key, &RegEnumValueW)) {
-        DWORD type = 0;
-        DWORD size = 0;
-        RegQueryValueExW(key, name.c_str(), nullptr, &type, nullptr, &size);
-        std::vector<BYTE> data(size);
-        RegQueryValueExW(key, name.c_str(), nullptr, &type, data.data(), &size);
-        lines.push_back(path + L"\\\\" + name + L" " + std::to_wstring(type) + L" " +
-                        std::wstring(data.begin(), data.end()));
-    }
-    for (const std::wstring& name : Names(key, &EnumerateKey)) {
-        if (const Key below = OpenToRead(key, name)) {
-            Export(below.get(), path + L"\\" + name, lines);
+/// A walk with one call a value and one buffer for all: it goes over the whole registry.
+class Exporter {
+public:
+    void Export(HKEY key, const std::wstring& path) {
+        lines_.push_back(path);
+        ExportValues(key, path);
+        for (const std::wstring& name : NamesOfSubkeys(key)) {
+            if (const Key below = OpenToRead(key, name)) {
+                Export(below.get(), path + L"\\" + name);
+            }
         }
     }
-}
+
+    std::vector<std::wstring> Take() { return std::move(lines_); }
+
+private:
+    void ExportValues(HKEY key, const std::wstring& path) {
+        for (DWORD index = 0;; ++index) {
+            DWORD length = kLongestName;
+            DWORD size = static_cast<DWORD>(data_.size());
+            DWORD type = 0;
+            const LSTATUS status =
+                RegEnumValueW(key, index, name_.data(), &length, nullptr, &type, data_.data(), &size);
+            if (status == ERROR_MORE_DATA) {
+                data_.resize(size);
+                --index;
+            } else if (status == ERROR_SUCCESS) {
+                lines_.push_back(path + L"\\\\" + std::wstring(name_.data(), length) + L" " +
+                                 std::to_wstring(type) + L" " +
+                                 std::wstring(data_.data(), data_.data() + size));
+            } else {
+                return;
+            }
+        }
+    }
+
+    std::vector<std::wstring> lines_;
+    std::vector<wchar_t> name_ = std::vector<wchar_t>(kLongestName);
+    std::vector<BYTE> data_ = std::vector<BYTE>(kUsualData);
+};
 
 }  // namespace
 
@@ -115,20 +148,22 @@ std::optional<DWORD> ReadNumber(HKEY root, const std::wstring& key, const std::w
 
 std::vector<std::wstring> ValueNames(HKEY root, const std::wstring& key) {
     const Key open = OpenToRead(root, key);
-    return open ? Names(open.get(), &RegEnumValueW) : std::vector<std::wstring>();
+    return open ? NamesOfValues(open.get()) : std::vector<std::wstring>();
 }
 
 std::vector<std::wstring> SubkeyNames(HKEY root, const std::wstring& key) {
     const Key open = OpenToRead(root, key);
-    return open ? Names(open.get(), &EnumerateKey) : std::vector<std::wstring>();
+    return open ? NamesOfSubkeys(open.get()) : std::vector<std::wstring>();
 }
 
 void DropKey(HKEY root, const std::wstring& key) { RegDeleteTreeW(root, key.c_str()); }
 
-std::vector<std::wstring> ExportRegistry(HKEY root) {
-    std::vector<std::wstring> lines;
-    Export(root, L"", lines);
-    return lines;
+std::vector<std::wstring> ExportRegistry(HKEY root, const std::wstring& key) {
+    Exporter exporter;
+    if (const Key open = OpenToRead(root, key)) {
+        exporter.Export(open.get(), key);
+    }
+    return exporter.Take();
 }
 
 }  // namespace corvi::test

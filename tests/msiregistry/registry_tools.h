@@ -24,7 +24,7 @@ std::vector<std::wstring> SubkeyNames(HKEY root, const std::wstring& key);
 /// Deletes root\key with everything below it.
 void DropKey(HKEY root, const std::wstring& key);
 
-/// Every key and value below root, the values with type and data, one line each.
-std::vector<std::wstring> ExportRegistry(HKEY root);
+/// Every key and value below root\key (empty: the whole root), the values with type and data, one line each.
+std::vector<std::wstring> ExportRegistry(HKEY root, const std::wstring& key = L"");
 
 }  // namespace corvi::test
