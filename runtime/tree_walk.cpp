@@ -1,0 +1,181 @@
+#include "runtime/tree_walk.h"
+
+#include <algorithm>
+#include <cwchar>
+#include <iterator>
+#include <utility>
+
+#include "runtime/filesystem.h"
+
+namespace corvi {
+namespace {
+
+// A folder's path must leave room for a short file name ("\12345678.123") below MAX_PATH.
+constexpr size_t kLongestPlainPath = MAX_PATH - 13;
+constexpr size_t kListingBytes = 64 * 1024;
+
+constexpr const wchar_t* kVerbatimPrefixes[] = {L"\\\\?\\", L"\\\\.\\", L"\\??\\"};
+constexpr const wchar_t* kDeviceNames[] = {L"CON", L"PRN", L"AUX", L"NUL"};
+constexpr const wchar_t* kNumberedDeviceNames[] = {L"COM", L"LPT"};
+
+bool EndsInDotOrBlank(const std::wstring& name) {
+    return !name.empty() && (name.back() == L'.' || name.back() == L' ');
+}
+
+bool IsDeviceName(const std::wstring& name) {
+    const size_t length = std::min(name.find_first_of(L". "), name.size());
+    const auto startsWith = [&](const wchar_t* device) { return _wcsnicmp(name.c_str(), device, 3) == 0; };
+    return (length == 3 && std::any_of(std::begin(kDeviceNames), std::end(kDeviceNames), startsWith)) ||
+           (length == 4 &&
+            std::any_of(std::begin(kNumberedDeviceNames), std::end(kNumberedDeviceNames), startsWith));
+}
+
+// The platform drops trailing dots and blanks and finds devices in every folder, unless told otherwise.
+bool IsMisreadName(const std::wstring& name) { return EndsInDotOrBlank(name) || IsDeviceName(name); }
+
+std::wstring FullPath(const std::wstring& path) {
+    std::wstring full(path.size() + MAX_PATH, L'\0');
+    DWORD length = GetFullPathNameW(path.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr);
+    if (length >= full.size()) {
+        full.resize(length);
+        length = GetFullPathNameW(path.c_str(), length, full.data(), nullptr);
+    }
+    if (length == 0 || length >= full.size()) {
+        return path;
+    }
+    full.resize(length);
+    return full;
+}
+
+bool IsVerbatim(const std::wstring& path) {
+    return std::any_of(std::begin(kVerbatimPrefixes), std::end(kVerbatimPrefixes),
+                       [&](const wchar_t* prefix) { return path.compare(0, 4, prefix) == 0; });
+}
+
+std::wstring VerbatimPath(const std::wstring& path) {
+    if (IsVerbatim(path)) {
+        return path;
+    }
+    const std::wstring full = FullPath(path);
+    return full.compare(0, 2, L"\\\\") == 0 ? L"\\\\?\\UNC" + full.substr(1) : L"\\\\?\\" + full;
+}
+
+// "C:" alone is the current folder of that drive: a separator would make it the root.
+std::wstring ReadyForName(std::wstring folder) {
+    if (!folder.empty() && !IsPathSeparator(folder.back()) &&
+        !(folder.size() == 2 && folder.back() == L':')) {
+        folder += L'\\';
+    }
+    return folder;
+}
+
+}  // namespace
+
+bool IsPathSeparator(wchar_t character) { return character == L'\\' || character == L'/'; }
+
+bool IsLink(DWORD attributes) { return (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0; }
+
+bool IsRealFolder(DWORD attributes) {
+    return (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 && !IsLink(attributes);
+}
+
+std::wstring PlatformPath(const std::wstring& path) {
+    return path.size() > kLongestPlainPath ? VerbatimPath(path) : path;
+}
+
+TreeWalk::TreeWalk(const std::wstring& root, const char* operation, Unlistable unlistable)
+    : operation_(operation),
+      unlistable_(unlistable),
+      root_(ReadyForName(EndsInDotOrBlank(root) && !IsVerbatim(root) ? FullPath(root) : root)),
+      verbatimRoot_(ReadyForName(VerbatimPath(root))) {
+    Enter(PlatformPath(root), Level());
+}
+
+bool TreeWalk::Next() {
+    if (std::exchange(entersNext_, false)) {
+        Level level;
+        level.pathLength = below_.size() + 1;
+        level.verbatim = verbatim_;
+        Enter(Path(), std::move(level));
+    }
+    if (levels_.empty()) {
+        return false;
+    }
+    if (Level& level = levels_.back(); level.next < level.entries.size()) {
+        Show(level, level.entries[level.next++]);
+        leaving_ = false;
+        entersNext_ = IsRealFolder(attributes_);
+        return true;
+    }
+    levels_.pop_back();
+    if (levels_.empty()) {
+        return false;
+    }
+    const Level& parent = levels_.back();
+    Show(parent, parent.entries[parent.next - 1]);
+    leaving_ = true;
+    return true;
+}
+
+std::wstring TreeWalk::Path() const {
+    const bool tooLong = root_.size() + below_.size() > kLongestPlainPath;
+    return (verbatim_ || tooLong ? verbatimRoot_ : root_) + below_;
+}
+
+void TreeWalk::Show(const Level& level, const Entry& entry) {
+    if (level.pathLength > 0) {
+        below_.resize(level.pathLength - 1);
+        below_ += L'\\';
+    } else {
+        below_.clear();
+    }
+    below_ += entry.name;
+    attributes_ = entry.attributes;
+    verbatim_ = level.verbatim || IsMisreadName(entry.name);
+}
+
+void TreeWalk::Enter(const std::wstring& folder, Level level) {
+    level.folder.Reset(CreateFileW(folder.c_str(), FILE_LIST_DIRECTORY, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                   nullptr, OPEN_EXISTING,
+                                   FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+    BY_HANDLE_FILE_INFORMATION information = {};
+    if (!level.folder || GetFileInformationByHandle(level.folder.Get(), &information) == FALSE) {
+        EndUnlessEmpty(GetLastError());
+    } else if (IsRealFolder(information.dwFileAttributes)) {
+        ListEntries(level);
+    } else if (!IsLink(information.dwFileAttributes)) {
+        throw FileSystemError(ERROR_DIRECTORY, operation_);
+    }
+    levels_.push_back(std::move(level));
+}
+
+void TreeWalk::ListEntries(Level& level) const {
+    std::vector<ULONGLONG> buffer(kListingBytes / sizeof(ULONGLONG));
+    while (GetFileInformationByHandleEx(level.folder.Get(), FileFullDirectoryInfo, buffer.data(),
+                                        kListingBytes) != FALSE) {
+        const auto* bytes = reinterpret_cast<const char*>(buffer.data());
+        for (ULONG step = 1; step != 0; bytes += step) {
+            const auto* found = reinterpret_cast<const FILE_FULL_DIR_INFO*>(bytes);
+            std::wstring name(found->FileName, found->FileNameLength / sizeof(wchar_t));
+            if (name != L"." && name != L"..") {
+                level.entries.push_back({std::move(name), found->FileAttributes});
+            }
+            step = found->NextEntryOffset;
+        }
+    }
+    // The root of an empty drive has not even "." to list.
+    const DWORD code = GetLastError();
+    if (code != ERROR_NO_MORE_FILES && code != ERROR_FILE_NOT_FOUND) {
+        EndUnlessEmpty(code);
+    }
+}
+
+void TreeWalk::EndUnlessEmpty(DWORD code) const {
+    const bool deniedOrGone =
+        code == ERROR_ACCESS_DENIED || code == ERROR_FILE_NOT_FOUND || code == ERROR_PATH_NOT_FOUND;
+    if (!deniedOrGone || unlistable_ == Unlistable::EndsWalk) {
+        throw FileSystemError(code, operation_);
+    }
+}
+
+}  // namespace corvi
