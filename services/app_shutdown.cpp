@@ -1,0 +1,133 @@
+#include "services/app_shutdown.h"
+
+#include <windows.h>
+
+#include <msi.h>
+#include <shlobj.h>
+#include <shlwapi.h>
+
+#include <cwchar>
+#include <string>
+
+#include "runtime/action_policy.h"
+#include "runtime/filesystem.h"
+#include "runtime/known_paths.h"
+#include "runtime/process.h"
+#include "runtime/registry.h"
+#include "runtime/text.h"
+
+namespace corvi {
+namespace {
+
+constexpr wchar_t kSettingsAppKey[] = L"SOFTWARE\\QEL Technologies\\Install\\HXNext";
+constexpr wchar_t kRecordingServerKey[] = L"SOFTWARE\\QEL Technologies\\Install\\TAVO DVR";
+// ExitHXApplication's own spelling of the settings application's key.
+constexpr wchar_t kSettingsAppKeyForExit[] = L"SOFTWARE\\QEL Technologies\\Install\\HXNext\\";
+constexpr wchar_t kLocationValue[] = L"Location";
+
+constexpr wchar_t kSettingsAppTool[] = L"hxcmd.exe";
+constexpr wchar_t kRecordingServerTool[] = L"LSServCmd.exe";
+constexpr wchar_t kExitArgument[] = L"exit";
+constexpr DWORD kExitLimitMilliseconds = 30000;
+
+constexpr wchar_t kKillTool[] = L"TaskKill.exe";
+constexpr const wchar_t* kSettingsAppImages[] = {L"LumenSettings.exe", L"LumenSoftware.exe"};
+constexpr wchar_t kRecordingServerImage[] = L"TAVOLSServ.exe";
+
+// A command line's length, terminator included.
+constexpr size_t kCommandCapacity = 519;
+
+// Starts a command from its fixed buffer. currentDirectory: empty for the current one. False when it was
+// not started; one that does not fit the buffer is not.
+bool Run(const std::wstring& command, const std::wstring& currentDirectory, bool wait) {
+    wchar_t buffer[kCommandCapacity] = {};
+    if (wcsncpy_s(buffer, kCommandCapacity, command.c_str(), kCommandCapacity) != 0) {
+        return false;
+    }
+    return RunProcessAndWait(buffer, currentDirectory, wait);
+}
+
+// The key is closed again before anything is started.
+std::wstring ReadLocation(const wchar_t* keyPath, REGSAM access) {
+    return RegKey::Open(HKEY_LOCAL_MACHINE, keyPath, access).GetString(L"", kLocationValue, true);
+}
+
+// Asks an application to exit through its command tool, without waiting. toolExists: how the tool's
+// presence is tested.
+UINT AskToExit(const wchar_t* locationKey, const wchar_t* toolName, bool (*toolExists)(const std::wstring&)) {
+    const std::wstring location = ReadLocation(locationKey, KEY_READ);
+    if (!PathExists(location)) {
+        return ERROR_SUCCESS;
+    }
+    const std::wstring tool = WithTrailingSeparator(location) + toolName;
+    if (!toolExists(tool)) {
+        return ERROR_INSTALL_FAILURE;
+    }
+    Run(L"\"" + tool + L"\" " + kExitArgument, location, false);
+    return ERROR_SUCCESS;
+}
+
+bool ShellPathExists(const std::wstring& path) { return PathFileExistsW(path.c_str()) != FALSE; }
+
+std::wstring KillToolPath() {
+    std::wstring systemDirectory;
+    GetKnownFolderPath(CSIDL_SYSTEM, systemDirectory);
+    return systemDirectory + L"\\" + kKillTool;
+}
+
+std::wstring KillCommand(const std::wstring& toolPath, const wchar_t* imageName) {
+    return L"\"" + toolPath + L"\" /IM " + imageName + L" /F";
+}
+
+// Packages were written against both oddities: the quote behind /F, and the command itself as current
+// directory, a directory that does not exist, so that the platform refuses to start the tool.
+void KillSettingsAppImage(const std::wstring& toolPath, const wchar_t* imageName) {
+    const std::wstring command = KillCommand(toolPath, imageName) + L"\"";
+    Run(command, command, true);
+}
+
+}  // namespace
+
+void ExitHXApplication() noexcept {
+    BestEffort([] {
+        const std::wstring location = ReadLocation(kSettingsAppKeyForExit, kReadWriteAccess);
+        // One more separator even behind a location that ends in one.
+        ShellExecuteAndWait(location + L"\\" + kSettingsAppTool, kExitArgument, kExitLimitMilliseconds);
+        return ERROR_SUCCESS;
+    });
+}
+
+}  // namespace corvi
+
+extern "C" {
+
+UINT __stdcall ShutDownPQRNext(MSIHANDLE /*session*/) {
+    return corvi::LetRegistryErrorThrough(
+        [] { return corvi::AskToExit(corvi::kSettingsAppKey, corvi::kSettingsAppTool, &corvi::PathExists); });
+}
+
+UINT __stdcall ShutDownDVR(MSIHANDLE /*session*/) {
+    return corvi::LetRegistryErrorThrough([] {
+        return corvi::AskToExit(corvi::kRecordingServerKey, corvi::kRecordingServerTool,
+                                &corvi::ShellPathExists);
+    });
+}
+
+UINT __stdcall TerminateHXNextApp(MSIHANDLE /*session*/) {
+    return corvi::BestEffort([] {
+        const std::wstring toolPath = corvi::KillToolPath();
+        for (const wchar_t* imageName : corvi::kSettingsAppImages) {
+            corvi::KillSettingsAppImage(toolPath, imageName);
+        }
+        return ERROR_SUCCESS;
+    });
+}
+
+UINT __stdcall TerminateDVRApp(MSIHANDLE /*session*/) {
+    return corvi::MustStop([] {
+        const std::wstring command = corvi::KillCommand(corvi::KillToolPath(), corvi::kRecordingServerImage);
+        return corvi::Run(command, L"", true) ? ERROR_SUCCESS : ERROR_INSTALL_FAILURE;
+    });
+}
+
+}  // extern "C"
