@@ -48,7 +48,7 @@ function(corvi_stage_file source)
   add_dependencies(stage stage_${name})
 endfunction()
 
-# corvi_add_package(NAME SOURCE.wxs [NEEDS TARGET...] [ARGUMENT...]): a package that wixl makes, found as
+# corvi_add_package(NAME SOURCE.wxs [ARGUMENT...] [NEEDS TARGET...]): a package that wixl makes, found as
 # C:\corvi\NAME.msi. Files that it carries are named relative to the stage ("Corvi_CA.dll"), because wixl
 # finds no absolute path; the targets that put them there stand behind NEEDS ("fixture_suite_tool",
 # "stage_StartHX.xml"). Further arguments go to wixl ("-D" "Version=1.2.3").

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <windows.h>
+
+#include <optional>
+#include <string>
+
+namespace corvi::test {
+
+/// True when the machine key (below HKEY_LOCAL_MACHINE) exists in the 64-bit view.
+bool MachineKeyExists(const std::wstring& key);
+/// A text or number (as decimal text) below HKEY_LOCAL_MACHINE; nothing when it is not there.
+std::optional<std::wstring> MachineValue(const std::wstring& key, const std::wstring& name);
+void SetMachineText(const std::wstring& key, const std::wstring& name, const std::wstring& text);
+void SetMachineNumber(const std::wstring& key, const std::wstring& name, DWORD number);
+bool FileExists(const std::wstring& path);
+/// True when the task scheduler holds a task of that name.
+bool TaskExists(const std::wstring& name);
+bool ServiceExists(const std::wstring& name);
+
+}  // namespace corvi::test
