@@ -1,0 +1,353 @@
+#include "components/environment_path.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "runtime/registry.h"
+#include "tests/components/registry_values.h"
+#include "tests/support/import_hooks.h"
+#include "tests/support/installer_session.h"
+#include "tests/support/library.h"
+
+namespace corvi::test {
+namespace {
+
+constexpr wchar_t kEnvironment[] = L"System\\CurrentControlSet\\Control\\Session Manager\\Environment";
+constexpr wchar_t kPath[] = L"Path";
+const std::wstring kEntry = L"C:\\Windows\\System32\\TAVO;";
+
+struct Broadcast {
+    HWND window;
+    UINT message;
+    WPARAM wide;
+    std::wstring text;
+    UINT flags;
+    UINT timeout;
+    bool hasResult;
+};
+
+class SystemPath : public testing::Test {
+protected:
+    SystemPath() : hooks_(library_.Module()) {
+        CORVI_HOOK(hooks_, SendMessageTimeoutW,
+                   [this](HWND window, UINT message, WPARAM wide, LPARAM text, UINT flags, UINT timeout,
+                          PDWORD_PTR result) -> LRESULT {
+                       broadcasts_.push_back({window, message, wide, reinterpret_cast<const wchar_t*>(text),
+                                              flags, timeout, result != nullptr});
+                       pathAtBroadcast_ = Path();
+                       return 1;
+                   });
+    }
+
+    static std::optional<StoredValue> Path() { return ReadStored(kEnvironment, kPath); }
+    static StoredValue Plain(const std::wstring& text) { return {REG_SZ, text + L'\0'}; }
+
+    UINT Call() { return library_.Call("SetEnvPath_IPU_WA", 0); }
+
+    // The error that leaves the action.
+    std::pair<int, std::string> Error() {
+        try {
+            Call();
+        } catch (const RegKeyError& error) {
+            return {error.code().value(), error.what()};
+        }
+        return {0, "nothing was thrown"};
+    }
+
+    KeptValue kept_{kEnvironment, kPath};
+    Library library_;
+    ImportHooks hooks_;
+    std::vector<Broadcast> broadcasts_;
+    std::optional<StoredValue> pathAtBroadcast_;
+};
+
+TEST_F(SystemPath, EntryIsPutInFrontOfTheWholeOldText) {
+    StoreText(kEnvironment, kPath, L"C:\\windows;D:\\tools");
+    EXPECT_EQ(Call(), 0U);
+    EXPECT_EQ(Path(), Plain(kEntry + L"C:\\windows;D:\\tools"));
+}
+
+TEST_F(SystemPath, EmptyTextBecomesTheEntryAlone) {
+    StoreText(kEnvironment, kPath, L"");
+    EXPECT_EQ(Call(), 0U);
+    EXPECT_EQ(Path(), Plain(kEntry));
+}
+
+TEST_F(SystemPath, SecondRunChangesNothing) {
+    StoreText(kEnvironment, kPath, L"C:\\windows");
+    Call();
+    EXPECT_EQ(Call(), 0U);
+    EXPECT_EQ(Path(), Plain(kEntry + L"C:\\windows"));
+    EXPECT_EQ(broadcasts_.size(), 1U);
+}
+
+TEST_F(SystemPath, TextHoldingTheEntryAnywhereStaysAsItIsAndNobodyIsTold) {
+    for (const std::wstring& text : {L"C:\\windows;" + kEntry + L"D:\\tools", kEntry, L"D:\\a;" + kEntry}) {
+        StoreText(kEnvironment, kPath, text, REG_EXPAND_SZ);
+        EXPECT_EQ(Call(), 0U);
+        EXPECT_EQ(Path(), (StoredValue{REG_EXPAND_SZ, text + L'\0'}));
+    }
+    EXPECT_TRUE(broadcasts_.empty());
+}
+
+TEST_F(SystemPath, EntryInsideALongerElementCounts) {
+    StoreText(kEnvironment, kPath, L"D:\\mirror-of-" + kEntry + L"C:\\windows");
+    EXPECT_EQ(Call(), 0U);
+    EXPECT_EQ(Path(), Plain(L"D:\\mirror-of-" + kEntry + L"C:\\windows"));
+    EXPECT_TRUE(broadcasts_.empty());
+}
+
+TEST_F(SystemPath, FolderWithoutTheTrailingSemicolonDoesNotCount) {
+    StoreText(kEnvironment, kPath, L"C:\\windows;C:\\Windows\\System32\\TAVO");
+    EXPECT_EQ(Call(), 0U);
+    EXPECT_EQ(Path(), Plain(kEntry + L"C:\\windows;C:\\Windows\\System32\\TAVO"));
+}
+
+TEST_F(SystemPath, EntryInAnotherCaseDoesNotCount) {
+    StoreText(kEnvironment, kPath, L"c:\\windows\\system32\\tavo;C:\\windows");
+    EXPECT_EQ(Call(), 0U);
+    EXPECT_EQ(Path(), Plain(kEntry + L"c:\\windows\\system32\\tavo;C:\\windows"));
+}
+
+TEST_F(SystemPath, ExpandableTextIsReadExpandedAndWrittenBackAsPlainText) {
+    StoreText(kEnvironment, kPath, L"%SystemRoot%\\system32;D:\\tools", REG_EXPAND_SZ);
+    EXPECT_EQ(Call(), 0U);
+    EXPECT_EQ(Path(), Plain(kEntry + L"C:\\windows\\system32;D:\\tools"));
+}
+
+TEST_F(SystemPath, LongTextIsKeptWhole) {
+    std::wstring text;
+    for (int index = 0; index < 2000; ++index) {
+        text += L"D:\\tools\\" + std::to_wstring(index) + L";";
+    }
+    StoreText(kEnvironment, kPath, text);
+    EXPECT_EQ(Call(), 0U);
+    EXPECT_EQ(Path(), Plain(kEntry + text));
+}
+
+TEST_F(SystemPath, UnterminatedTextIsTakenAsItIs) {
+    Store(kEnvironment, kPath, REG_SZ, L"C:\\windows");
+    EXPECT_EQ(Call(), 0U);
+    EXPECT_EQ(Path(), Plain(kEntry + L"C:\\windows"));
+}
+
+TEST_F(SystemPath, NothingIsLogged) {
+    StoreText(kEnvironment, kPath, L"C:\\windows");
+    InstallerSession session;
+    EXPECT_EQ(library_.Call("SetEnvPath_IPU_WA", session.Handle()), 0U);
+    EXPECT_TRUE(session.Messages().empty());
+}
+
+TEST_F(SystemPath, ChangeIsBroadcastOnceItIsWritten) {
+    StoreText(kEnvironment, kPath, L"C:\\windows");
+    Call();
+    ASSERT_EQ(broadcasts_.size(), 1U);
+    const Broadcast& broadcast = broadcasts_.front();
+    EXPECT_EQ(broadcast.window, HWND_BROADCAST);
+    EXPECT_EQ(broadcast.message, static_cast<UINT>(WM_SETTINGCHANGE));
+    EXPECT_EQ(broadcast.wide, 0U);
+    EXPECT_EQ(broadcast.text, L"Environment");
+    EXPECT_EQ(broadcast.flags, static_cast<UINT>(SMTO_ABORTIFHUNG));
+    EXPECT_EQ(broadcast.timeout, 100U);
+    EXPECT_FALSE(broadcast.hasResult);
+    EXPECT_EQ(pathAtBroadcast_, Plain(kEntry + L"C:\\windows"));
+}
+
+TEST_F(SystemPath, MissingValueLeavesTheActionAsARegistryError) {
+    DeleteStored(kEnvironment, kPath);
+    const auto [code, text] = Error();
+    EXPECT_EQ(code, ERROR_FILE_NOT_FOUND);
+    EXPECT_THAT(text, testing::StartsWith("Unable to get registry value"));
+    EXPECT_EQ(Path(), std::nullopt);
+    EXPECT_TRUE(broadcasts_.empty());
+}
+
+TEST_F(SystemPath, ValueOfAnotherTypeLeavesTheActionAsARegistryError) {
+    StoreNumber(kEnvironment, kPath, 7);
+    const auto [code, text] = Error();
+    EXPECT_EQ(code, ERROR_UNSUPPORTED_TYPE);
+    EXPECT_THAT(text, testing::StartsWith("Unable to get registry value"));
+    EXPECT_EQ(Path()->type, static_cast<DWORD>(REG_DWORD));
+}
+
+TEST_F(SystemPath, KeyThatCannotBeOpenedLeavesTheActionAsARegistryError) {
+    CORVI_HOOK(hooks_, RegOpenKeyExW,
+               [](HKEY, LPCWSTR, DWORD, REGSAM, PHKEY) -> LSTATUS { return ERROR_ACCESS_DENIED; });
+    const auto [code, text] = Error();
+    EXPECT_EQ(code, ERROR_ACCESS_DENIED);
+    EXPECT_THAT(text, testing::StartsWith("Unable to open registry key"));
+}
+
+TEST_F(SystemPath, ValueThatCannotBeWrittenLeavesTheActionInTheWordsOfTheUninstallWriter) {
+    StoreText(kEnvironment, kPath, L"C:\\windows");
+    CORVI_HOOK(hooks_, RegSetValueExW, [](HKEY, LPCWSTR, DWORD, DWORD, const BYTE*, DWORD) -> LSTATUS {
+        return ERROR_ACCESS_DENIED;
+    });
+    const auto [code, text] = Error();
+    EXPECT_EQ(code, ERROR_ACCESS_DENIED);
+    EXPECT_THAT(text, testing::StartsWith("Unable to write to uninstall registry for value = Path data = "
+                                          "C:\\Windows\\System32\\TAVO;C:\\windows."));
+    EXPECT_EQ(Path(), Plain(L"C:\\windows"));
+    EXPECT_TRUE(broadcasts_.empty());
+}
+
+TEST_F(SystemPath, ErrorThatIsNoRegistryErrorIsCaught) {
+    StoreText(kEnvironment, kPath, L"C:\\windows");
+    CORVI_HOOK(hooks_, GetWindowsDirectoryW, [](LPWSTR, UINT) -> UINT { throw std::bad_alloc(); });
+    EXPECT_EQ(Call(), 0U);
+    EXPECT_EQ(Path(), Plain(L"C:\\windows"));
+}
+
+TEST(SuitePathEntry, StandsOnTheWindowsDriveWhateverTheWindowsDirectoryIsCalled) {
+    EXPECT_EQ(SuitePathEntry(), kEntry);
+    ImportHooks hooks(GetModuleHandleW(nullptr));
+    CORVI_HOOK(hooks, GetWindowsDirectoryW, [](LPWSTR directory, UINT) -> UINT {
+        wcscpy(directory, L"E:\\WINNT");
+        return 8;
+    });
+    EXPECT_EQ(SuitePathEntry(), L"E:\\Windows\\System32\\TAVO;");
+}
+
+TEST(AddToSystemPath, TakesAnyValueAndEntry) {
+    const KeptValue kept(kEnvironment, L"CorviModules");
+    StoreText(kEnvironment, L"CorviModules", L"D:\\modules");
+    AddToSystemPath(L"CorviModules", L"E:\\more;");
+    EXPECT_EQ(ReadStored(kEnvironment, L"CorviModules"),
+              (StoredValue{REG_SZ, std::wstring(L"E:\\more;D:\\modules") + L'\0'}));
+}
+
+// A desktop on which windows can be made although the machine has no display. Broadcasts of a thread
+// reach the windows of the thread's own desktop.
+class Desktop {
+public:
+    Desktop() {
+        RegSetKeyValueW(HKEY_CURRENT_USER, L"Software\\Wine\\Drivers", L"Graphics", REG_SZ, L"null",
+                        5 * sizeof(wchar_t));
+        desktop_ = CreateDesktopW(L"corvi", nullptr, nullptr, 0, GENERIC_ALL, nullptr);
+    }
+    ~Desktop() {
+        CloseDesktop(desktop_);
+        RegDeleteKeyValueW(HKEY_CURRENT_USER, L"Software\\Wine\\Drivers", L"Graphics");
+    }
+    Desktop(const Desktop&) = delete;
+    Desktop& operator=(const Desktop&) = delete;
+
+    bool Enter() const { return SetThreadDesktop(desktop_) != FALSE; }
+
+private:
+    HDESK desktop_;
+};
+
+// A top-level window with a thread of its own, which either answers its messages or never does.
+class TopLevelWindow {
+public:
+    TopLevelWindow(const Desktop& desktop, bool answers)
+        : stop_(CreateEventW(nullptr, TRUE, FALSE, nullptr)),
+          thread_([this, &desktop, answers] { Run(desktop, answers); }) {
+        std::unique_lock lock(mutex_);
+        ready_.wait(lock, [this] { return isReady_; });
+    }
+    ~TopLevelWindow() {
+        SetEvent(stop_);
+        thread_.join();
+        CloseHandle(stop_);
+    }
+    TopLevelWindow(const TopLevelWindow&) = delete;
+    TopLevelWindow& operator=(const TopLevelWindow&) = delete;
+
+    bool Exists() const { return window_ != nullptr; }
+    std::vector<std::wstring> SettingChanges() {
+        const std::scoped_lock lock(mutex_);
+        return settingChanges_;
+    }
+
+private:
+    void Run(const Desktop& desktop, bool answers) {
+        HWND window = nullptr;
+        if (desktop.Enter()) {
+            WNDCLASSW windowClass = {};
+            windowClass.lpfnWndProc = &TopLevelWindow::Receive;
+            windowClass.lpszClassName = L"CorviTopLevelWindow";
+            RegisterClassW(&windowClass);
+            window = CreateWindowExW(0, windowClass.lpszClassName, L"", WS_OVERLAPPED, 0, 0, 10, 10, nullptr,
+                                     nullptr, nullptr, nullptr);
+            SetWindowLongPtrW(window, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(this));
+        }
+        {
+            const std::scoped_lock lock(mutex_);
+            window_ = window;
+            isReady_ = true;
+        }
+        ready_.notify_all();
+        if (!answers) {
+            WaitForSingleObject(stop_, INFINITE);
+        }
+        while (MsgWaitForMultipleObjects(1, &stop_, FALSE, INFINITE, QS_ALLINPUT) != WAIT_OBJECT_0) {
+            MSG message = {};
+            while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE) != FALSE) {
+                DispatchMessageW(&message);
+            }
+        }
+        DestroyWindow(window);
+    }
+
+    static LRESULT CALLBACK Receive(HWND window, UINT message, WPARAM wide, LPARAM text) {
+        auto* self = reinterpret_cast<TopLevelWindow*>(GetWindowLongPtrW(window, GWLP_USERDATA));
+        if (message == WM_SETTINGCHANGE && self != nullptr) {
+            const std::scoped_lock lock(self->mutex_);
+            self->settingChanges_.emplace_back(reinterpret_cast<const wchar_t*>(text));
+        }
+        return DefWindowProcW(window, message, wide, text);
+    }
+
+    HANDLE stop_;
+    std::mutex mutex_;
+    std::condition_variable ready_;
+    bool isReady_ = false;
+    HWND window_ = nullptr;
+    std::vector<std::wstring> settingChanges_;
+    std::thread thread_;
+};
+
+// Runs the action on a thread of the desktop and gives the time that it took.
+std::chrono::steady_clock::duration RunOn(const Desktop& desktop, const Library& library) {
+    std::chrono::steady_clock::duration elapsed{};
+    std::thread([&] {
+        ASSERT_TRUE(desktop.Enter());
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(library.Call("SetEnvPath_IPU_WA", 0), 0U);
+        elapsed = std::chrono::steady_clock::now() - start;
+    }).join();
+    return elapsed;
+}
+
+TEST(EnvironmentBroadcast, ReachesARealWindowPastOneThatHangsWithinItsBound) {
+    const KeptValue kept(kEnvironment, kPath);
+    const Library library;
+    const Desktop desktop;
+    TopLevelWindow behind(desktop, true);
+    TopLevelWindow hanging(desktop, false);
+    TopLevelWindow front(desktop, true);
+    ASSERT_TRUE(behind.Exists() && hanging.Exists() && front.Exists());
+
+    StoreText(kEnvironment, kPath, L"C:\\windows");
+    EXPECT_LT(RunOn(desktop, library), std::chrono::seconds(5));
+    const std::vector<std::wstring> expected{L"Environment"};
+    EXPECT_EQ(behind.SettingChanges(), expected);
+    EXPECT_EQ(front.SettingChanges(), expected);
+    EXPECT_TRUE(hanging.SettingChanges().empty());
+
+    RunOn(desktop, library);
+    EXPECT_EQ(front.SettingChanges(), expected) << "an unchanged path must not be broadcast";
+}
+
+}  // namespace
+}  // namespace corvi::test
