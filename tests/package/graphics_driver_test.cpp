@@ -64,7 +64,7 @@ TEST_F(GraphicsDriverPackage, UninstallNeedsNoInstallManagerAndRunsNoGuard) {
 TEST_F(GraphicsDriverPackage, ARepairRunsNeitherTheGuardNorTheDeletion) {
     RunInstaller(kInstallLaunched);
     SetMachineText(L"SOFTWARE\\QEL\\Later", L"Setting", L"x");
-    const InstallerRun run = RunInstaller(L"/fa C:\\corvi\\graphics_driver.msi");
+    const InstallerRun run = RunInstaller(std::wstring(kInstall) + L" REINSTALL=ALL REINSTALLMODE=amus");
     EXPECT_EQ(run.exitCode, 0U);
     EXPECT_FALSE(run.Ran("BlockLaunch"));
     EXPECT_FALSE(run.Ran("DeleteQELKey"));
