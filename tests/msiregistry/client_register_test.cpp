@@ -18,7 +18,7 @@ constexpr wchar_t kDriverState[] = L"System\\CurrentControlSet\\Services\\tavofe
 class ClientRegister : public testing::Test {
 protected:
     ClientRegister() : hooks_(GetModuleHandleW(nullptr)) { Clean(); }
-    ~ClientRegister() override {
+    void TearDown() override {
         hooks_.RestoreAll();
         Clean();
     }

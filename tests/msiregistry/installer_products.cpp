@@ -1,9 +1,8 @@
 #include "tests/msiregistry/installer_products.h"
 
-#include <algorithm>
+#include <cstdio>
 #include <filesystem>
 #include <stdexcept>
-#include <vector>
 
 #include "tests/msiregistry/registry_tools.h"
 
@@ -62,11 +61,14 @@ InstalledProduct::InstalledProduct(const std::wstring& package, const std::wstri
 }
 
 InstalledProduct::~InstalledProduct() {
-    if (IsKnown()) {
-        Uninstall();
+    try {
+        if (IsKnown()) {
+            Uninstall();
+        }
+        std::filesystem::remove(OwnFile());
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "a test product stays behind: %s\n", error.what());
     }
-    std::error_code ignored;
-    std::filesystem::remove(OwnFile(), ignored);
 }
 
 std::wstring InstalledProduct::OwnFile() const { return kProductFolder + package_ + L".txt"; }
@@ -74,7 +76,8 @@ std::wstring InstalledProduct::OwnFile() const { return kProductFolder + package
 std::wstring InstalledProduct::UserDataKey() const {
     const std::wstring userData = std::wstring(kInstallerKey) + L"\\UserData";
     for (const std::wstring& user : SubkeyNames(HKEY_LOCAL_MACHINE, userData)) {
-        const std::wstring product = userData + L"\\" + user + L"\\Products\\" + packedCode_;
+        std::wstring product = userData;
+        product.append(L"\\").append(user).append(L"\\Products\\").append(packedCode_);
         if (KeyExists(HKEY_LOCAL_MACHINE, product)) {
             return product;
         }

@@ -6,8 +6,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,9 +17,7 @@
 namespace corvi::test {
 namespace {
 
-using testing::Contains;
 using testing::ElementsAre;
-using testing::Not;
 
 using Names = std::vector<std::wstring>;
 
@@ -48,7 +44,7 @@ const std::wstring kOtherCode = L"{7E570000-BBBB-4B00-8C00-000000000002}";
 class RegistrationCleanup : public testing::Test {
 protected:
     RegistrationCleanup() : hooks_(GetModuleHandleW(nullptr)) { Clean(); }
-    ~RegistrationCleanup() override {
+    void TearDown() override {
         hooks_.RestoreAll();
         Clean();
     }
@@ -422,6 +418,15 @@ TEST_F(RegistrationCleanup, AProductNameOfTheWrongTypeIsAnErrorInTheMachinesClas
 
 // --- Advertisement data of the users ---
 
+void ExpectOnlyTheOtherProductIsLeft(const std::wstring& userInstaller) {
+    EXPECT_FALSE(KeyExists(HKEY_USERS, userInstaller + L"Products\\" + kPacked));
+    EXPECT_FALSE(KeyExists(HKEY_USERS, userInstaller + L"Features\\" + kPacked));
+    EXPECT_TRUE(KeyExists(HKEY_USERS, userInstaller + L"Products\\" + kOtherPacked + L"\\SourceList\\Media"));
+    EXPECT_TRUE(KeyExists(HKEY_USERS, userInstaller + L"Features\\" + kOtherPacked));
+    EXPECT_THAT(SubkeyNames(HKEY_USERS, userInstaller + L"UpgradeCodes"), ElementsAre(L"Shared"));
+    EXPECT_THAT(ValueNames(HKEY_USERS, userInstaller + L"UpgradeCodes\\Shared"), ElementsAre(kOtherPacked));
+}
+
 TEST_F(RegistrationCleanup, AdvertisedProductsOfEveryUserGo) {
     const std::wstring first = L"S-1-5-21-9-9-9-1\\Software\\Microsoft\\Installer\\";
     const std::wstring second = L".Default\\Software\\Microsoft\\Installer\\";
@@ -433,13 +438,8 @@ TEST_F(RegistrationCleanup, AdvertisedProductsOfEveryUserGo) {
         PlantUsers(HKEY_USERS, user + L"UpgradeCodes\\Only", {kPacked});
     }
     RemoveProductRegistration(kName);
-    for (const std::wstring& user : {first, second}) {
-        EXPECT_FALSE(KeyExists(HKEY_USERS, user + L"Products\\" + kPacked));
-        EXPECT_FALSE(KeyExists(HKEY_USERS, user + L"Features\\" + kPacked));
-        EXPECT_TRUE(IsAdvertised(HKEY_USERS, user, kOtherPacked));
-        EXPECT_THAT(ValueNames(HKEY_USERS, user + L"UpgradeCodes\\Shared"), ElementsAre(kOtherPacked));
-        EXPECT_FALSE(KeyExists(HKEY_USERS, user + L"UpgradeCodes\\Only"));
-    }
+    ExpectOnlyTheOtherProductIsLeft(first);
+    ExpectOnlyTheOtherProductIsLeft(second);
     EXPECT_TRUE(KeyExists(HKEY_USERS, L"S-1-5-21-9-9-9-2"));
 }
 

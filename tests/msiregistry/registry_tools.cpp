@@ -73,7 +73,7 @@ public:
         ExportValues(key, path);
         for (const std::wstring& name : NamesOfSubkeys(key)) {
             if (const Key below = OpenToRead(key, name)) {
-                Export(below.get(), path + L"\\" + name);
+                Export(below.get(), std::wstring(path).append(L"\\").append(name));
             }
         }
     }
