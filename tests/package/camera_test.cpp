@@ -1,0 +1,77 @@
+// The camera package under the real installer.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/package/machine.h"
+#include "tests/support/installer_run.h"
+
+namespace corvi::test {
+namespace {
+
+constexpr wchar_t kFolder[] = L"C:\\Program Files\\TAVO\\Camera";
+constexpr wchar_t kInstall[] = L"/i C:\\corvi\\camera.msi";
+constexpr wchar_t kUninstall[] = L"/x C:\\corvi\\camera.msi";
+constexpr wchar_t kEnvironment[] = L"SYSTEM\\CurrentControlSet\\Control\\Session Manager\\Environment";
+constexpr wchar_t kChain[] =
+    L"SYSTEM\\CurrentControlSet\\Control\\DeviceClasses\\{65e8773d-8f56-11d0-a3b9-00a0c9223196}\\Camera\\#"
+    L"\\Device Parameters";
+
+class CameraPackage : public testing::Test {
+protected:
+    void SetUp() override { path_ = MachineValue(kEnvironment, L"Path").value_or(L""); }
+    void TearDown() override {
+        RunInstaller(kUninstall);
+        SetMachineText(kEnvironment, L"Path", path_);
+        RegDeleteTreeW(
+            HKEY_LOCAL_MACHINE,
+            L"SYSTEM\\CurrentControlSet\\Control\\DeviceClasses\\{65e8773d-8f56-11d0-a3b9-00a0c9223196}");
+    }
+
+    std::wstring path_;
+};
+
+TEST_F(CameraPackage, InstallRegistersTheCameraAndExtendsThePathOnce) {
+    const InstallerRun run = RunInstaller(kInstall);
+    EXPECT_EQ(run.exitCode, 0U);
+    EXPECT_THAT(run.Last("SetPermissionsRegisterDLL").lines,
+                testing::IsSupersetOf({std::string("DLL Path C:\\Program Files\\TAVO\\Camera\\"),
+                                       std::string("DLL Name CameraServer.dll"),
+                                       std::string("VC Dll Name CameraSource.dll"),
+                                       std::string("OS Version: 10-22631-2861")}));
+    EXPECT_EQ(run.Last("SetPermissionsRegisterDLL").returnValue, 1);
+    EXPECT_EQ(run.Last("SetEnvPath_IPU_WA").returnValue, 1);
+    EXPECT_EQ(MachineValue(kEnvironment, L"Path"), L"C:\\Windows\\System32\\TAVO;" + path_);
+}
+
+TEST_F(CameraPackage, ARepairDeletesNothingAndAddsNoSecondPathEntry) {
+    RunInstaller(kInstall);
+    const InstallerRun run = RunInstaller(std::wstring(kInstall) + L" REINSTALL=ALL REINSTALLMODE=amus");
+    EXPECT_EQ(run.exitCode, 0U);
+    EXPECT_FALSE(run.Ran("DeleteDMFTDirectory"));
+    EXPECT_FALSE(run.Ran("UnregisterDLL"));
+    EXPECT_TRUE(FileExists(std::wstring(kFolder) + L"\\CameraServer.dll"));
+    EXPECT_EQ(MachineValue(kEnvironment, L"Path"), L"C:\\Windows\\System32\\TAVO;" + path_);
+}
+
+TEST_F(CameraPackage, UninstallTakesTheSuitesTransformOutOfTheChainsAndGoesOnAfterItsInvertedResult) {
+    RunInstaller(kInstall);
+    const wchar_t chain[] =
+        L"{55E09F33-D6B5-4A6D-99ED-87DC666C6710}\0{11111111-1111-1111-1111-111111111111}\0";
+    RegSetKeyValueW(HKEY_LOCAL_MACHINE, kChain, L"CameraDeviceMftClsidChain", REG_MULTI_SZ, chain,
+                    sizeof(chain));
+    const InstallerRun run = RunInstaller(kUninstall);
+    EXPECT_EQ(run.exitCode, 0U);
+    EXPECT_TRUE(run.Ran("DeleteOPTXCameraGUID"));
+    EXPECT_TRUE(run.Ran("DeleteDMFTDirectory"));
+    EXPECT_FALSE(FileExists(kFolder));
+    wchar_t left[256] = {};
+    DWORD size = sizeof(left);
+    EXPECT_EQ(RegGetValueW(HKEY_LOCAL_MACHINE, kChain, L"CameraDeviceMftClsidChain", RRF_RT_REG_MULTI_SZ,
+                           nullptr, left, &size),
+              ERROR_SUCCESS);
+    EXPECT_STREQ(left, L"{11111111-1111-1111-1111-111111111111}");
+}
+
+}  // namespace
+}  // namespace corvi::test
