@@ -17,6 +17,7 @@
 
 #include "runtime/kernel_handle.h"
 #include "runtime/text.h"
+#include "tests/support/handle_count.h"
 #include "tests/support/import_hooks.h"
 #include "tests/support/installer_session.h"
 #include "tests/support/tool_recorder.h"
@@ -70,20 +71,13 @@ KernelHandle Event(const wchar_t* name) { return KernelHandle(CreateEventW(nullp
 
 bool HasEnded(HANDLE process) { return WaitForSingleObject(process, 0) == WAIT_OBJECT_0; }
 
-DWORD HandleCount() {
-    DWORD count = 0;
-    GetProcessHandleCount(GetCurrentProcess(), &count);
-    return count;
-}
-
 void ExpectNoHandleLeaks(const std::function<void()>& operation) {
     operation();
-    const DWORD before = HandleCount();
-    ASSERT_GT(before, 0U);
+    const unsigned long before = OpenHandleCount();
     for (int call = 0; call < 200; ++call) {
         operation();
     }
-    EXPECT_EQ(HandleCount(), before);
+    EXPECT_EQ(OpenHandleCount(), before);
 }
 
 struct ProcessStart {
@@ -257,11 +251,11 @@ TEST_F(RunCommandlineTest, TheExitCodeOfACrashComesThroughAsItIs) {
 }
 
 TEST_F(RunCommandlineTest, AChildThatEndedWith259IsTakenForARunningOneUntilThePipeCannotBeAsked) {
-    NoteAskedProcess();
-    int roundsAfterItsEnd = 0;
-    BeforeEachPeek([&] { return !HasEnded(askedProcess_) || ++roundsAfterItsEnd < 50; });
-    EXPECT_EQ(Run(Child(L"exit 259")), 259);
-    EXPECT_EQ(roundsAfterItsEnd, 50);
+    AnswerStartsWith(259);
+    int rounds = 0;
+    BeforeEachPeek([&] { return ++rounds < 50; });
+    EXPECT_EQ(Run(L"x"), 259);
+    EXPECT_EQ(rounds, 50);
     EXPECT_THAT(Log(), IsEmpty());
 }
 
@@ -319,9 +313,12 @@ TEST_F(RunCommandlineTest, AnyOtherErrorOfTheStartIsReturnedAndNothingLogged) {
     EXPECT_THAT(Log(), IsEmpty());
 }
 
-TEST_F(RunCommandlineTest, ACommandBeyondThePlatformsLimitFailsToStart) {
-    EXPECT_NE(Run(std::wstring(40000, L'x')), 0);
-    EXPECT_THAT(Log(), IsEmpty());
+TEST_F(RunCommandlineTest, AVeryLongCommandIsPassedWhole) {
+    RefuseStarts(ERROR_FILENAME_EXCED_RANGE);
+    const std::wstring command(40000, L'x');
+    EXPECT_EQ(Run(command), ERROR_FILENAME_EXCED_RANGE);
+    ASSERT_THAT(starts_, SizeIs(1));
+    EXPECT_EQ(starts_[0].commandLine, L"cmd.exe /C \"" + command + L"\"");
 }
 
 TEST_F(RunCommandlineTest, RunsInTheGivenDirectoryAndTheCurrentOneOtherwise) {

@@ -12,8 +12,11 @@ namespace {
 
 constexpr wchar_t kRecorder[] = L"C:\\corvi\\recorder.exe";
 constexpr wchar_t kRecord[] = L"C:\\corvi\\recorded.txt";
+// Wine runs its own build of a tool of the system directory unless told otherwise here.
+constexpr wchar_t kOverrides[] = L"Software\\Wine\\DllOverrides";
 
 std::wstring OriginalOf(const std::wstring& path) { return path + L".original"; }
+std::wstring FileNameOf(const std::wstring& path) { return std::filesystem::path(path).filename(); }
 std::wstring ExitCodeOf(const std::wstring& path) { return path + L".exitcode"; }
 
 }  // namespace
@@ -27,6 +30,7 @@ ToolRecorder::~ToolRecorder() {
             Sleep(10);
         }
         DeleteFileW(ExitCodeOf(tool.path).c_str());
+        RegDeleteKeyValueW(HKEY_CURRENT_USER, kOverrides, FileNameOf(tool.path).c_str());
         if (tool.hadOriginal) {
             MoveFileExW(OriginalOf(tool.path).c_str(), tool.path.c_str(), MOVEFILE_REPLACE_EXISTING);
         }
@@ -42,6 +46,8 @@ void ToolRecorder::StandInFor(const std::wstring& path, unsigned exitCode) {
         throw std::runtime_error("cannot put the recorder in place: " + std::to_string(GetLastError()));
     }
     std::ofstream(std::filesystem::path(ExitCodeOf(path))) << exitCode;
+    RegSetKeyValueW(HKEY_CURRENT_USER, kOverrides, FileNameOf(path).c_str(), REG_SZ, L"native",
+                    sizeof(L"native"));
     replaced_.push_back({path, hadOriginal});
 }
 
