@@ -21,8 +21,8 @@ const auto isWow64Process = reinterpret_cast<IsWow64ProcessFunction>(
 // Each value is read through an open of its own, as always.
 RegKey OpenVersionKey() { return RegKey::Open(HKEY_LOCAL_MACHINE, kVersionKey, kReadWriteAccess); }
 
-// The classes of the pattern: "\d" is what the C runtime takes for a digit, "." is anything but the end
-// of a line.
+// The classes of the pattern: "\d" is what the C runtime takes for a digit, "." is anything but these
+// ends of a line.
 bool IsDigit(wchar_t character) { return std::iswdigit(character) != 0; }
 
 bool IsLineEnd(wchar_t character) {
@@ -43,6 +43,10 @@ std::wstring GetWindowsVersion() {
 }
 
 std::optional<WindowsVersionGroups> MatchWindowsVersion(const std::wstring& text) {
+    // No part of the pattern takes the end of a line, not even ".".
+    if (std::any_of(text.begin(), text.end(), IsLineEnd)) {
+        return std::nullopt;
+    }
     const Position end = text.end();
     const Position majorEnd = EndOfDigits(text.begin(), end);
     if (majorEnd == text.begin() || majorEnd == end || *majorEnd != L'.') {
@@ -52,12 +56,12 @@ std::optional<WindowsVersionGroups> MatchWindowsVersion(const std::wstring& text
     // The build takes all the digits that it can get and gives them back one by one, since the separator
     // behind it may itself be a digit.
     for (Position buildEnd = EndOfDigits(buildStart, end); buildEnd > buildStart; --buildEnd) {
-        if (buildEnd == end || IsLineEnd(*buildEnd)) {
+        if (buildEnd == end) {
             continue;
         }
         const Position revisionStart = buildEnd + 1;
         const Position revisionEnd = EndOfDigits(revisionStart, end);
-        if (revisionEnd > revisionStart && std::none_of(revisionEnd, end, IsLineEnd)) {
+        if (revisionEnd > revisionStart) {
             return WindowsVersionGroups{std::wstring(text.begin(), majorEnd),
                                         std::wstring(buildStart, buildEnd),
                                         std::wstring(revisionStart, revisionEnd)};

@@ -503,13 +503,13 @@ TEST_F(RunCommandlineTest, OutputThatCannotBeWidenedIsLoggedAsEmpty) {
 }
 
 TEST_F(RunCommandlineTest, LeaksNoHandleOver200CallsOnAnyPath) {
+    const auto run = [] { RunCommandline(L"x", nullptr, 0); };
     AnswerStartsWith(0);
-    ExpectNoHandleLeaks([] { RunCommandline(L"x", nullptr, 0); });
-    RefuseStarts(ERROR_FILE_NOT_FOUND);
-    ExpectNoHandleLeaks([] { RunCommandline(L"x", nullptr, 0); });
-    AnswerStartsWith(0);
+    ExpectNoHandleLeaks(run);
     BeforeEachPeek([] { return false; });
-    ExpectNoHandleLeaks([] { RunCommandline(L"x", nullptr, 0); });
+    ExpectNoHandleLeaks(run);
+    RefuseStarts(ERROR_FILE_NOT_FOUND);
+    ExpectNoHandleLeaks(run);
 }
 
 using RunProcessAndWaitTest = ProcessTest;
