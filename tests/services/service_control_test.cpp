@@ -1,0 +1,948 @@
+#include "services/service_control.h"
+
+#include <windows.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cwchar>
+#include <system_error>
+
+#include "tests/services/hooked_clock.h"
+#include "tests/services/scripted_manager.h"
+#include "tests/support/import_hooks.h"
+#include "tests/support/installer_session.h"
+#include "tests/support/scratch_key.h"
+#include "tests/support/standard_output.h"
+#include "tests/support/test_service.h"
+
+namespace corvi::test {
+namespace {
+
+using testing::Each;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Lines = std::vector<std::wstring>;
+
+constexpr wchar_t kName[] = L"CorviTestService";
+constexpr wchar_t kUploader[] = L"TUEPLauncher";
+
+/// Sees the debugger output and the installer messages of this program's product code.
+class Channels {
+public:
+    Channels() : hooks(GetModuleHandleW(nullptr)) {
+        CORVI_HOOK(hooks, OutputDebugStringW, [this](LPCWSTR text) { debugger.emplace_back(text); });
+        CORVI_HOOK(hooks, MsiProcessMessage, [this](MSIHANDLE, INSTALLMESSAGE, MSIHANDLE) -> int {
+            ++installerMessages;
+            return IDOK;
+        });
+    }
+    ~Channels() { EXPECT_EQ(installerMessages, 0) << "the wait helpers never write to the installer log"; }
+    Channels(const Channels&) = delete;
+    Channels& operator=(const Channels&) = delete;
+
+    ImportHooks hooks;
+    Lines debugger;
+    int installerMessages = 0;
+};
+
+/// The same with a clock that moves only while the product sleeps.
+struct TimedChannels : Channels {
+    explicit TimedChannels(DWORD start = 1000) : clock(hooks, start) { clock.HookTickCount(hooks); }
+    HookedClock clock;
+};
+
+/// And with a service manager that answers from a script.
+struct Scripted : TimedChannels {
+    explicit Scripted(std::deque<ScriptedStatus> statuses, DWORD start = 1000)
+        : TimedChannels(start), manager(hooks) {
+        manager.statuses = std::move(statuses);
+    }
+    ~Scripted() { EXPECT_TRUE(manager.AllClosed()); }
+    ScriptedManager manager;
+};
+
+/// Counts the handles that the real service manager hands out and takes back.
+class HandleCount {
+public:
+    explicit HandleCount(ImportHooks& hooks) {
+        CORVI_HOOK(hooks, OpenSCManagerW, [&, this](LPCWSTR machine, LPCWSTR database, DWORD access) {
+            return Counted(CORVI_ORIGINAL(hooks, OpenSCManagerW)(machine, database, access));
+        });
+        CORVI_HOOK(hooks, OpenServiceW, [&, this](SC_HANDLE manager, LPCWSTR name, DWORD access) {
+            return Counted(CORVI_ORIGINAL(hooks, OpenServiceW)(manager, name, access));
+        });
+        CORVI_HOOK(hooks, CloseServiceHandle, [&, this](SC_HANDLE handle) -> BOOL {
+            const BOOL closed = CORVI_ORIGINAL(hooks, CloseServiceHandle)(handle);
+            open -= closed != FALSE ? 1 : 0;
+            failedCloses += closed != FALSE ? 0 : 1;
+            return closed;
+        });
+    }
+    ~HandleCount() {
+        EXPECT_EQ(open, 0);
+        EXPECT_EQ(failedCloses, 0);
+    }
+    HandleCount(const HandleCount&) = delete;
+    HandleCount& operator=(const HandleCount&) = delete;
+
+private:
+    SC_HANDLE Counted(SC_HANDLE handle) {
+        open += handle != nullptr ? 1 : 0;
+        return handle;
+    }
+    int open = 0;
+    int failedCloses = 0;
+};
+
+constexpr wchar_t kOpenManagerFailed[] = L"Error: Failed to open SCM.\n";
+constexpr wchar_t kQueryFailed[] = L"Error: QueryServiceStatusEx failed.\n";
+constexpr wchar_t kStopPending[] = L"Service stop pending...\n";
+constexpr wchar_t kStopped[] = L"Service stopped successfully.\n";
+constexpr wchar_t kStopTimedOut[] = L"Error: Timeout waiting for service to stop.\n";
+
+ScriptedStatus Stopped() { return {SERVICE_STOPPED}; }
+ScriptedStatus Running(DWORD waitHint = 0) { return {SERVICE_RUNNING, waitHint}; }
+ScriptedStatus Stopping(DWORD waitHint, DWORD checkPoint = 0) {
+    return {SERVICE_STOP_PENDING, waitHint, checkPoint};
+}
+ScriptedStatus Starting(DWORD waitHint, DWORD checkPoint = 0) {
+    return {SERVICE_START_PENDING, waitHint, checkPoint};
+}
+
+// ---- StopServiceAndWait, real services
+
+TEST(StopServiceAndWait, AnAlreadyStoppedServiceGivesOneWithoutAControl) {
+    const TestService service(kName, L"plain");
+    Channels channels;
+    const HandleCount handles(channels.hooks);
+    int controls = 0;
+    CORVI_HOOK(channels.hooks, ControlService, [&](SC_HANDLE, DWORD, LPSERVICE_STATUS) -> BOOL {
+        ++controls;
+        return FALSE;
+    });
+    EXPECT_EQ(StopServiceAndWait(kName), 1);
+    EXPECT_EQ(controls, 0);
+    EXPECT_THAT(channels.debugger, ElementsAre(L"Service is already stopped.\n"));
+}
+
+TEST(StopServiceAndWait, ARunningServiceIsStopped) {
+    const TestService service(kName, L"plain");
+    service.Start();
+    {
+        Channels channels;
+        const HandleCount handles(channels.hooks);
+        EXPECT_EQ(StopServiceAndWait(kName), 1);
+        EXPECT_THAT(channels.debugger, ElementsAre(kStopped));
+    }
+    EXPECT_EQ(service.State(), DWORD{SERVICE_STOPPED});
+}
+
+TEST(StopServiceAndWait, AServiceThatNeedsTimeIsWaitedForByItsOwnWaitHint) {
+    const TestService service(kName, L"slowstop 20 150");
+    service.Start();
+    Channels channels;
+    std::vector<DWORD> sleeps;
+    CORVI_HOOK(channels.hooks, Sleep, [&](DWORD milliseconds) {
+        sleeps.push_back(milliseconds);
+        CORVI_ORIGINAL(channels.hooks, Sleep)(10);
+    });
+    EXPECT_EQ(StopServiceAndWait(kName), 1);
+    EXPECT_THAT(channels.debugger, ElementsAre(kStopped));
+    EXPECT_THAT(sleeps, testing::Contains(20U));
+}
+
+TEST(StopServiceAndWait, AServiceThatStaysInStopPendingIsGivenUpALittleAfter30000Milliseconds) {
+    const TestService service(kName, L"pending 50000 1");
+    service.Start();
+    service.SendStop();
+    TimedChannels channels;
+    const HandleCount handles(channels.hooks);
+    EXPECT_EQ(StopServiceAndWait(kName), 0);
+    Lines expected(7, kStopPending);
+    expected.emplace_back(L"Service stop timed out.\n");
+    EXPECT_EQ(channels.debugger, expected);
+    EXPECT_EQ(channels.clock.Passed(), 35000U);
+}
+
+TEST(StopServiceAndWait, AServiceThatIgnoresTheControlIsGivenUpAfter30000Milliseconds) {
+    const TestService service(kName, L"deaf");
+    service.Start();
+    {
+        TimedChannels channels;
+        const HandleCount handles(channels.hooks);
+        channels.clock.perLook = 7500;
+        EXPECT_EQ(StopServiceAndWait(kName), 0);
+        EXPECT_THAT(channels.debugger, ElementsAre(kStopTimedOut));
+        EXPECT_THAT(channels.clock.sleeps, Each(0U));
+    }
+    EXPECT_EQ(service.State(), DWORD{SERVICE_RUNNING});
+}
+
+TEST(StopServiceAndWait, AMissingServiceGivesZeroWithoutAMessage) {
+    Channels channels;
+    const HandleCount handles(channels.hooks);
+    EXPECT_EQ(StopServiceAndWait(L"CorviNoSuchService"), 0);
+    EXPECT_THAT(channels.debugger, IsEmpty());
+}
+
+// ---- StopServiceAndWait, what the real manager cannot be made to do
+
+TEST(StopServiceAndWait, AsksTheLocalManagerByTheNamedCallsOnly) {
+    Scripted scripted({Running(), Stopped()});
+    EXPECT_EQ(StopServiceAndWait(kName), 1);
+    EXPECT_THAT(scripted.manager.calls,
+                ElementsAre("OpenSCManager - F003F", "OpenService CorviTestService 2C",
+                            "QueryServiceStatusEx 0 24", "ControlService 1", "QueryServiceStatusEx 0 24"));
+}
+
+TEST(StopServiceAndWait, DependentServicesAreNotEnumerated) {
+    const ImportHooks hooks(GetModuleHandleW(nullptr));
+    EXPECT_FALSE(hooks.Imports("EnumDependentServicesW"));
+    EXPECT_FALSE(hooks.Imports("EnumDependentServicesA"));
+}
+
+TEST(StopServiceAndWait, AControlThatAlreadyReportsStoppedNeedsNoFurtherQuery) {
+    Scripted scripted({Running()});
+    scripted.manager.controlAnswer = Stopped();
+    EXPECT_EQ(StopServiceAndWait(kName), 1);
+    EXPECT_EQ(scripted.manager.Count("QueryServiceStatusEx"), 1U);
+    EXPECT_THAT(scripted.clock.sleeps, IsEmpty());
+    EXPECT_THAT(scripted.debugger, ElementsAre(kStopped));
+}
+
+TEST(StopServiceAndWait, WhileStopPendingSleepsATenthOfTheHintWithin1000And10000Milliseconds) {
+    const std::pair<DWORD, DWORD> table[] = {{0, 1000},       {9999, 1000},    {10000, 1000},
+                                             {10010, 1001},   {25000, 2500},   {99990, 9999},
+                                             {100000, 10000}, {100010, 10000}, {0xFFFFFFFF, 10000}};
+    for (const auto& [waitHint, expected] : table) {
+        Scripted scripted({Stopping(waitHint), Stopped()});
+        EXPECT_EQ(StopServiceAndWait(kName), 1);
+        EXPECT_THAT(scripted.clock.sleeps, ElementsAre(expected)) << waitHint;
+        EXPECT_THAT(scripted.debugger, ElementsAre(kStopPending, kStopped));
+        EXPECT_EQ(scripted.manager.Count("ControlService"), 0U);
+    }
+}
+
+TEST(StopServiceAndWait, AWaitHintOfZeroStillSleeps1000MillisecondsInEachPendingRound) {
+    Scripted scripted({Stopping(0)});
+    EXPECT_EQ(StopServiceAndWait(kName), 0);
+    EXPECT_EQ(scripted.clock.sleeps, std::vector<DWORD>(31, 1000));
+}
+
+TEST(StopServiceAndWait, Exactly30000MillisecondsAreNotTooLong) {
+    Scripted scripted({Stopping(100000), Stopping(100000), Stopping(100000), Stopping(100000), Stopped()});
+    EXPECT_EQ(StopServiceAndWait(kName), 1);
+    EXPECT_EQ(scripted.clock.Passed(), 40000U) << "stopped counts before the time limit";
+    Scripted late({Stopping(100000)});
+    EXPECT_EQ(StopServiceAndWait(kName), 0);
+    EXPECT_EQ(late.clock.Passed(), 40000U) << "30000 passed the limit's test, 40000 did not";
+}
+
+TEST(StopServiceAndWait, TheTimeLimitHoldsAcrossTheWrapOfTheTickCount) {
+    Scripted scripted({Stopping(0)}, 0xFFFFFFFFU - 4500);
+    EXPECT_EQ(StopServiceAndWait(kName), 0);
+    EXPECT_EQ(scripted.clock.Passed(), 31000U);
+    EXPECT_EQ(scripted.debugger.back(), L"Service stop timed out.\n");
+}
+
+TEST(StopServiceAndWait, APendingStopThatEndsInAnotherStateIsFollowedByTheControl) {
+    Scripted scripted({Stopping(0), Running(), Stopped()});
+    EXPECT_EQ(StopServiceAndWait(kName), 1);
+    EXPECT_EQ(scripted.manager.Count("ControlService"), 1U);
+    EXPECT_THAT(scripted.debugger, ElementsAre(kStopPending, kStopped));
+}
+
+TEST(StopServiceAndWait, AfterTheControlTheHintLastReportedIsSleptAsItIs) {
+    Scripted scripted({Running(99), Stopping(123), Stopping(25000), Stopped()});
+    scripted.manager.controlAnswer = Stopping(7);
+    EXPECT_EQ(StopServiceAndWait(kName), 1);
+    EXPECT_THAT(scripted.clock.sleeps, ElementsAre(7U, 123U, 25000U));
+}
+
+TEST(StopServiceAndWait, AHintOfZeroAfterTheControlPollsWithoutPauseUntilTheTimeLimit) {
+    Scripted scripted({Running(), Stopping(0)});
+    scripted.clock.perLook = 10000;
+    EXPECT_EQ(StopServiceAndWait(kName), 0);
+    EXPECT_THAT(scripted.clock.sleeps, ElementsAre(0U, 0U, 0U, 0U));
+    EXPECT_THAT(scripted.debugger, ElementsAre(kStopTimedOut));
+}
+
+TEST(StopServiceAndWait, TheLimitAfterTheControlIsMeasuredFromTheEntry) {
+    Scripted scripted({Stopping(100000), Stopping(100000), Running(), Stopping(5000)});
+    scripted.manager.controlAnswer = Stopping(5000);
+    EXPECT_EQ(StopServiceAndWait(kName), 0);
+    EXPECT_THAT(scripted.clock.sleeps, ElementsAre(10000U, 10000U, 5000U, 5000U, 5000U));
+    EXPECT_THAT(scripted.debugger, ElementsAre(kStopPending, kStopPending, kStopTimedOut));
+}
+
+TEST(StopServiceAndWait, AManagerThatDoesNotOpenGivesZero) {
+    Scripted scripted({Running()});
+    scripted.manager.managerError = ERROR_ACCESS_DENIED;
+    EXPECT_EQ(StopServiceAndWait(kName), 0);
+    EXPECT_THAT(scripted.debugger, ElementsAre(kOpenManagerFailed));
+    EXPECT_EQ(scripted.manager.calls.size(), 1U);
+}
+
+TEST(StopServiceAndWait, AFailingQueryGivesZeroWhereverItHappens) {
+    Scripted first({kFailingQuery});
+    EXPECT_EQ(StopServiceAndWait(kName), 0);
+    EXPECT_THAT(first.debugger, ElementsAre(kQueryFailed));
+
+    Scripted whilePending({Stopping(0), kFailingQuery});
+    EXPECT_EQ(StopServiceAndWait(kName), 0);
+    EXPECT_THAT(whilePending.debugger, ElementsAre(kStopPending, kQueryFailed));
+
+    Scripted afterControl({Running(), kFailingQuery});
+    EXPECT_EQ(StopServiceAndWait(kName), 0);
+    EXPECT_THAT(afterControl.debugger, ElementsAre(kQueryFailed));
+}
+
+TEST(StopServiceAndWait, AControlThatFailsGivesZero) {
+    Scripted scripted({Running()});
+    scripted.manager.controlError = ERROR_ACCESS_DENIED;
+    EXPECT_EQ(StopServiceAndWait(kName), 0);
+    EXPECT_THAT(scripted.debugger, ElementsAre(L"Error: ControlService failed.\n"));
+}
+
+// ---- StartServiceAndWait, real services
+
+TEST(StartServiceAndWait, AStoppedServiceIsStarted) {
+    const TestService service(kUploader, L"plain");
+    {
+        Channels channels;
+        const HandleCount handles(channels.hooks);
+        CORVI_HOOK(channels.hooks, Sleep, [&](DWORD) { CORVI_ORIGINAL(channels.hooks, Sleep)(10); });
+        EXPECT_TRUE(StartServiceAndWait());
+        EXPECT_THAT(channels.debugger, ElementsAre(L"Service started successfully.\n"));
+    }
+    EXPECT_EQ(service.State(), DWORD{SERVICE_RUNNING});
+}
+
+TEST(StartServiceAndWait, ASlowServiceIsWaitedFor) {
+    const TestService service(kUploader, L"slowstart 20000 100");
+    TimedChannels channels;
+    CORVI_HOOK(channels.hooks, Sleep, [&](DWORD milliseconds) {
+        EXPECT_EQ(milliseconds, 2000U);
+        CORVI_ORIGINAL(channels.hooks, Sleep)(20);
+    });
+    EXPECT_TRUE(StartServiceAndWait());
+    EXPECT_THAT(channels.debugger, ElementsAre(L"Service started successfully.\n"));
+}
+
+TEST(StartServiceAndWait, ARunningServiceGivesTrueWithoutStartingIt) {
+    const TestService service(kUploader, L"plain");
+    service.Start();
+    Channels channels;
+    const HandleCount handles(channels.hooks);
+    int starts = 0;
+    CORVI_HOOK(channels.hooks, StartServiceW, [&](SC_HANDLE, DWORD, LPCWSTR*) -> BOOL {
+        ++starts;
+        return FALSE;
+    });
+    EXPECT_TRUE(StartServiceAndWait());
+    EXPECT_EQ(starts, 0);
+    EXPECT_THAT(channels.debugger, IsEmpty());
+}
+
+TEST(StartServiceAndWait, AServiceThatCrashesWhileItStartsGivesFalse) {
+    const TestService service(kUploader, L"crash");
+    Channels channels;
+    const HandleCount handles(channels.hooks);
+    EXPECT_FALSE(StartServiceAndWait());
+    EXPECT_EQ(channels.debugger.size(), 1U);
+    EXPECT_TRUE(channels.debugger.at(0) == L"Warning: Service did not start successfully.\n" ||
+                channels.debugger.at(0).rfind(L"Unable to start service and Error code is ", 0) == 0);
+}
+
+TEST(StartServiceAndWait, AServiceWhoseProgramIsMissingReportsTheErrorNumber) {
+    const TestService service(kUploader, L"C:\\corvi\\no_such_program.exe", L"");
+    Channels channels;
+    const HandleCount handles(channels.hooks);
+    EXPECT_FALSE(StartServiceAndWait());
+    EXPECT_THAT(channels.debugger, ElementsAre(L"Unable to start service and Error code is 2"));
+}
+
+TEST(StartServiceAndWait, AMissingServiceGivesFalseWithoutAMessage) {
+    Channels channels;
+    const HandleCount handles(channels.hooks);
+    EXPECT_FALSE(StartServiceAndWait());
+    EXPECT_THAT(channels.debugger, IsEmpty());
+}
+
+TEST(StartServiceAndWait, AServiceStillStoppingWithAShortHintIsAbandonedAfterOneRound) {
+    const TestService service(kUploader, L"pending 900 1");
+    service.Start();
+    service.SendStop();
+    TimedChannels channels;
+    const HandleCount handles(channels.hooks);
+    EXPECT_FALSE(StartServiceAndWait());
+    EXPECT_THAT(channels.clock.sleeps, ElementsAre(1000U));
+    EXPECT_THAT(channels.debugger, ElementsAre(kStopTimedOut));
+}
+
+// ---- StartServiceAndWait, what the real manager cannot be made to do
+
+TEST(StartServiceAndWait, AsksForTheUploaderByTheNamedCallsOnly) {
+    Scripted scripted({Stopped(), Running()});
+    EXPECT_TRUE(StartServiceAndWait());
+    EXPECT_THAT(scripted.manager.calls,
+                ElementsAre("OpenSCManager - F003F", "OpenService TUEPLauncher F01FF",
+                            "QueryServiceStatusEx 0 24", "StartService", "QueryServiceStatusEx 0 24"));
+}
+
+TEST(StartServiceAndWait, EveryStateButStoppedAndStopPendingCountsAsRunning) {
+    for (const DWORD state : {SERVICE_START_PENDING, SERVICE_RUNNING, SERVICE_CONTINUE_PENDING,
+                              SERVICE_PAUSE_PENDING, SERVICE_PAUSED}) {
+        Scripted scripted({ScriptedStatus{state}});
+        EXPECT_TRUE(StartServiceAndWait());
+        EXPECT_EQ(scripted.manager.Count("StartService"), 0U);
+        EXPECT_THAT(scripted.debugger, IsEmpty());
+    }
+}
+
+TEST(StartServiceAndWait, TheRoundTimerStartsAnewInEveryRound) {
+    // 40 rounds of 1000 ms with a check point that stands still: none is longer than the hint.
+    std::deque<ScriptedStatus> statuses(40, Stopping(1000, 5));
+    statuses.push_back({SERVICE_STOPPED, 1000, 5});
+    statuses.push_back(Running());
+    Scripted scripted(statuses);
+    EXPECT_TRUE(StartServiceAndWait());
+    EXPECT_EQ(scripted.clock.sleeps, std::vector<DWORD>(40, 1000));
+}
+
+TEST(StartServiceAndWait, ARoundLongerThanTheHintEndsTheWaitUnlessTheCheckPointAdvanced) {
+    Scripted standing({Stopping(999, 5)});
+    EXPECT_FALSE(StartServiceAndWait());
+    EXPECT_THAT(standing.clock.sleeps, ElementsAre(1000U));
+    EXPECT_EQ(standing.manager.Count("StartService"), 0U);
+
+    Scripted falling({Stopping(999, 5), Stopping(999, 4)});
+    EXPECT_FALSE(StartServiceAndWait());
+    EXPECT_THAT(falling.debugger, ElementsAre(kStopTimedOut));
+
+    Scripted advancing({Stopping(0, 1), Stopping(0, 2), Stopping(0, 3), {SERVICE_STOPPED, 0, 4}, Running()});
+    EXPECT_TRUE(StartServiceAndWait());
+}
+
+TEST(StartServiceAndWait, TheRoundsTimeLimitIsTestedBeforeTheState) {
+    Scripted scripted({Stopping(0, 5), Stopped()});
+    EXPECT_FALSE(StartServiceAndWait()) << "it has stopped, but its last round took too long";
+    EXPECT_THAT(scripted.debugger, ElementsAre(kStopTimedOut));
+    EXPECT_EQ(scripted.manager.Count("StartService"), 0U);
+}
+
+TEST(StartServiceAndWait, PendingRoundsSleepATenthOfTheHintWithin1000And10000Milliseconds) {
+    Scripted scripted({Stopping(0, 1),
+                       Stopping(25000, 2),
+                       Stopping(500000, 3),
+                       {SERVICE_STOPPED, 0, 4},
+                       Starting(0, 1),
+                       Starting(25000, 2),
+                       Starting(500000, 3),
+                       Running()});
+    EXPECT_TRUE(StartServiceAndWait());
+    EXPECT_THAT(scripted.clock.sleeps, ElementsAre(1000U, 2500U, 10000U, 1000U, 2500U, 10000U));
+}
+
+TEST(StartServiceAndWait, TheRoundTimerHoldsAcrossTheWrapOfTheTickCount) {
+    Scripted scripted({Stopping(1000, 5), Stopping(1000, 5), {SERVICE_STOPPED, 1000, 5}, Starting(1500, 1)},
+                      0xFFFFFFFFU - 1500);
+    EXPECT_FALSE(StartServiceAndWait());
+    EXPECT_THAT(scripted.clock.sleeps, ElementsAre(1000U, 1000U, 1000U, 1000U));
+    EXPECT_THAT(scripted.debugger, ElementsAre(L"Warning: Service did not start successfully.\n"));
+}
+
+TEST(StartServiceAndWait, AStartThatMakesNoProgressWithinTheHintIsGivenUp) {
+    Scripted scripted({Stopped(), Starting(3000, 1)});
+    EXPECT_FALSE(StartServiceAndWait());
+    EXPECT_EQ(scripted.clock.sleeps, std::vector<DWORD>(4, 1000)) << "3000 ms are not longer than the hint";
+    EXPECT_THAT(scripted.debugger, ElementsAre(L"Warning: Service did not start successfully.\n"));
+}
+
+TEST(StartServiceAndWait, AStartThatMakesProgressIsWaitedForWithoutLimit) {
+    std::deque<ScriptedStatus> statuses{Stopped()};
+    for (DWORD checkPoint = 1; checkPoint <= 100; ++checkPoint) {
+        statuses.push_back(Starting(500, checkPoint));
+    }
+    statuses.push_back(Running());
+    Scripted scripted(statuses);
+    EXPECT_TRUE(StartServiceAndWait());
+    EXPECT_EQ(scripted.clock.Passed(), 100000U);
+}
+
+TEST(StartServiceAndWait, ProgressRestartsTheTimerOfTheStart) {
+    // Without the restart the third query, 3000 ms after the start, would be beyond the hint of 2500.
+    Scripted scripted(
+        {Stopped(), Starting(2500, 1), Starting(2500, 1), Starting(2500, 2), Starting(2500, 2), Running()});
+    EXPECT_TRUE(StartServiceAndWait());
+}
+
+TEST(StartServiceAndWait, AFailingQueryIsReportedWhereverItHappens) {
+    Scripted first({kFailingQuery});
+    EXPECT_FALSE(StartServiceAndWait());
+    EXPECT_THAT(first.debugger, ElementsAre(kQueryFailed));
+
+    Scripted whilePending({Stopping(0, 1), kFailingQuery});
+    EXPECT_FALSE(StartServiceAndWait());
+    EXPECT_THAT(whilePending.debugger, ElementsAre(kQueryFailed));
+    EXPECT_EQ(whilePending.manager.Count("StartService"), 0U);
+
+    Scripted afterStart({Stopped(), kFailingQuery});
+    EXPECT_FALSE(StartServiceAndWait());
+    EXPECT_THAT(afterStart.debugger, ElementsAre(kQueryFailed));
+
+    Scripted whileStarting({Stopped(), Starting(5000, 1), kFailingQuery});
+    EXPECT_FALSE(StartServiceAndWait());
+    EXPECT_THAT(whileStarting.debugger,
+                ElementsAre(kQueryFailed, L"Warning: Service did not start successfully.\n"));
+}
+
+TEST(StartServiceAndWait, ARefusedStartReportsItsErrorNumber) {
+    Scripted scripted({Stopped()});
+    scripted.manager.startError = 1058;
+    EXPECT_FALSE(StartServiceAndWait());
+    EXPECT_THAT(scripted.debugger, ElementsAre(L"Unable to start service and Error code is 1058"));
+}
+
+TEST(StartServiceAndWait, AManagerThatDoesNotOpenGivesFalse) {
+    Scripted scripted({Stopped()});
+    scripted.manager.managerError = ERROR_ACCESS_DENIED;
+    EXPECT_FALSE(StartServiceAndWait());
+    EXPECT_THAT(scripted.debugger, ElementsAre(kOpenManagerFailed));
+}
+
+// ---- StopAndDeleteService
+
+/// The system's text of an error as the log shows it: no line ends, one blank at the end.
+std::wstring SystemText(DWORD error) {
+    wchar_t text[512] = {};
+    FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS | FORMAT_MESSAGE_MAX_WIDTH_MASK,
+                   nullptr, error, 0, text, ARRAYSIZE(text), nullptr);
+    return text;
+}
+
+std::wstring Line(const std::wstring& start, DWORD error) {
+    return start + std::to_wstring(error) + L" " + SystemText(error);
+}
+
+constexpr wchar_t kManagerLine[] = L"Opening SC Manager failed with error code: ";
+constexpr wchar_t kServiceLine[] = L"Opening Windows Update Service failed with error code: ";
+constexpr wchar_t kPauseLine[] = L"Unable to pause Windows Update Service. Error code: ";
+
+TEST(StopAndDeleteService, ARunningServiceIsStoppedAndDeletedWithoutALine) {
+    InstallerSession session;
+    const TestService service(kName, L"plain");
+    service.Start();
+    ImportHooks hooks(GetModuleHandleW(nullptr));
+    Lines debugger;
+    CORVI_HOOK(hooks, OutputDebugStringW, [&](LPCWSTR text) { debugger.emplace_back(text); });
+    {
+        const HandleCount handles(hooks);
+        StopAndDeleteService(session.Handle(), kName);
+    }
+    hooks.RestoreAll();
+    for (int attempt = 0; attempt < 500 && service.Exists(); ++attempt) {
+        Sleep(10);
+    }
+    EXPECT_FALSE(service.Exists());
+    EXPECT_THAT(session.LogLines(), IsEmpty());
+    EXPECT_THAT(debugger, IsEmpty());
+}
+
+TEST(StopAndDeleteService, AStoppedServiceLogsTheFailedStopAndIsDeletedNonetheless) {
+    InstallerSession session;
+    const TestService service(kName, L"plain");
+    StopAndDeleteService(session.Handle(), kName);
+    EXPECT_FALSE(service.Exists());
+    EXPECT_THAT(session.LogLines(), ElementsAre(Line(kPauseLine, ERROR_SERVICE_NOT_ACTIVE)));
+}
+
+TEST(StopAndDeleteService, AMissingServiceLogsTheOpeningAndTheStop) {
+    InstallerSession session;
+    ImportHooks hooks(GetModuleHandleW(nullptr));
+    const HandleCount handles(hooks);
+    StopAndDeleteService(session.Handle(), L"CorviNoSuchService");
+    EXPECT_THAT(session.LogLines(), ElementsAre(Line(kServiceLine, ERROR_SERVICE_DOES_NOT_EXIST),
+                                                Line(kPauseLine, ERROR_INVALID_HANDLE)));
+}
+
+TEST(StopAndDeleteService, EveryFailureIsLoggedAndTheNextStepFollowsRegardless) {
+    InstallerSession session;
+    ImportHooks hooks(GetModuleHandleW(nullptr));
+    ScriptedManager manager(hooks);
+    manager.managerError = ERROR_ACCESS_DENIED;
+    manager.openError = ERROR_INVALID_HANDLE;
+    manager.controlError = 1061;
+    manager.deleteError = ERROR_INVALID_HANDLE;
+    StopAndDeleteService(session.Handle(), kName);
+    EXPECT_THAT(manager.calls,
+                ElementsAre("OpenSCManager ServicesActive F003F", "OpenService CorviTestService F003F",
+                            "ControlService 1", "DeleteService"));
+    EXPECT_TRUE(manager.AllClosed());
+    EXPECT_THAT(session.LogLines(),
+                ElementsAre(Line(kManagerLine, ERROR_ACCESS_DENIED), Line(kServiceLine, ERROR_INVALID_HANDLE),
+                            Line(kPauseLine, 1061)));
+}
+
+TEST(StopAndDeleteService, ClosesTheManagerAndThenTheService) {
+    ImportHooks hooks(GetModuleHandleW(nullptr));
+    ScriptedManager manager(hooks);
+    StopAndDeleteService(0, kName);
+    EXPECT_THAT(manager.closed, ElementsAre("manager", "service"));
+    EXPECT_EQ(manager.Count("QueryServiceStatus") + manager.Count("QueryServiceStatusEx"), 0U)
+        << "nothing is waited for";
+}
+
+TEST(StopAndDeleteService, TheSystemsTextIsAskedForOnOneLineAndFreed) {
+    InstallerSession session;
+    ImportHooks hooks(GetModuleHandleW(nullptr));
+    std::vector<HLOCAL> freed;
+    wchar_t* given = nullptr;
+    CORVI_HOOK(hooks, FormatMessageW,
+               [&](DWORD flags, LPCVOID source, DWORD code, DWORD language, LPWSTR buffer, DWORD size,
+                   va_list* arguments) -> DWORD {
+                   EXPECT_EQ(flags, 0x13FFU);
+                   EXPECT_EQ(language, 0U);
+                   const DWORD length = CORVI_ORIGINAL(hooks, FormatMessageW)(flags, source, code, language,
+                                                                              buffer, size, arguments);
+                   given = *reinterpret_cast<wchar_t**>(buffer);
+                   return length;
+               });
+    CORVI_HOOK(hooks, LocalFree, [&](HLOCAL memory) -> HLOCAL {
+        freed.push_back(memory);
+        return CORVI_ORIGINAL(hooks, LocalFree)(memory);
+    });
+    const TestService service(kName, L"plain");
+    StopAndDeleteService(session.Handle(), kName);
+    EXPECT_NE(given, nullptr);
+    EXPECT_THAT(freed, ElementsAre(given));
+}
+
+TEST(StopAndDeleteService, AnErrorWithoutASystemTextLogsItsNumber) {
+    InstallerSession session;
+    ImportHooks hooks(GetModuleHandleW(nullptr));
+    ScriptedManager manager(hooks);
+    manager.controlError = 0x2FFFFFFF;
+    StopAndDeleteService(session.Handle(), kName);
+    EXPECT_THAT(session.LogLines(), ElementsAre(std::wstring(kPauseLine) + L"805306367 "));
+}
+
+// ---- DeleteServiceByName
+
+TEST(DeleteServiceByName, AServiceIsDeletedWithNoMoreThanDeleteAccess) {
+    const TestService service(kName, L"plain");
+    DeleteServiceByName(kName);
+    EXPECT_FALSE(service.Exists());
+
+    ImportHooks hooks(GetModuleHandleW(nullptr));
+    ScriptedManager manager(hooks);
+    DeleteServiceByName(kName);
+    EXPECT_THAT(manager.calls,
+                ElementsAre("OpenSCManager - F003F", "OpenService CorviTestService 10000", "DeleteService"));
+    EXPECT_TRUE(manager.AllClosed());
+}
+
+TEST(DeleteServiceByName, FailuresAreIgnoredAndHandlesClosed) {
+    DeleteServiceByName(L"CorviNoSuchService");
+
+    ImportHooks hooks(GetModuleHandleW(nullptr));
+    ScriptedManager noManager(hooks);
+    noManager.managerError = ERROR_ACCESS_DENIED;
+    DeleteServiceByName(kName);
+    EXPECT_EQ(noManager.Count("DeleteService"), 0U);
+    EXPECT_TRUE(noManager.AllClosed());
+
+    ScriptedManager noService(hooks);
+    noService.openError = ERROR_SERVICE_DOES_NOT_EXIST;
+    DeleteServiceByName(kName);
+    EXPECT_EQ(noService.Count("DeleteService"), 0U);
+    EXPECT_TRUE(noService.AllClosed());
+
+    ScriptedManager marked(hooks);
+    marked.deleteError = ERROR_SERVICE_MARKED_FOR_DELETE;
+    DeleteServiceByName(kName);
+    EXPECT_TRUE(marked.AllClosed());
+}
+
+// ---- InstallDataUploaderService
+
+constexpr wchar_t kInstallManagerKey[] =
+    L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\TAVO Prism Install Manager";
+constexpr wchar_t kProfileClientKey[] = L"SOFTWARE\\QEL Technologies\\Install\\PPC";
+constexpr wchar_t kFromNothing[] = L"\"\\TUEPDU.exe\"";
+
+/// What the service manager was asked to create.
+struct Creation {
+    std::wstring name, displayName, commandLine;
+    DWORD access = 0, type = 0, startType = 0, errorControl = 0;
+    bool restIsNull = false;
+};
+
+/// Runs the installation with CreateServiceW recorded and refused.
+std::vector<Creation> RecordCreation() {
+    std::vector<Creation> creations;
+    ImportHooks hooks(GetModuleHandleW(nullptr));
+    CORVI_HOOK(hooks, CreateServiceW,
+               [&](SC_HANDLE, LPCWSTR name, LPCWSTR displayName, DWORD access, DWORD type, DWORD startType,
+                   DWORD errorControl, LPCWSTR commandLine, LPCWSTR group, LPDWORD tag, LPCWSTR dependencies,
+                   LPCWSTR account, LPCWSTR password) -> SC_HANDLE {
+                   creations.push_back({name, displayName, commandLine, access, type, startType, errorControl,
+                                        group == nullptr && tag == nullptr && dependencies == nullptr &&
+                                            account == nullptr && password == nullptr});
+                   SetLastError(ERROR_SERVICE_EXISTS);
+                   return nullptr;
+               });
+    const HandleCount handles(hooks);
+    InstallDataUploaderService();
+    return creations;
+}
+
+std::wstring RecordCommandLine() {
+    const auto creations = RecordCreation();
+    return creations.size() == 1 ? creations.front().commandLine : L"not one creation";
+}
+
+TEST(InstallDataUploaderService, CreatesTheServiceWithTheGivenSettings) {
+    const auto creations = RecordCreation();
+    ASSERT_EQ(creations.size(), 1U);
+    const Creation& creation = creations.front();
+    EXPECT_EQ(creation.name, L"TUEPLauncher");
+    EXPECT_EQ(creation.displayName, L"TAVO User Experience Program Data Uploader");
+    EXPECT_EQ(creation.access, 0xF01FFU);
+    EXPECT_EQ(creation.type, 0x110U);
+    EXPECT_EQ(creation.startType, 2U);
+    EXPECT_EQ(creation.errorControl, 1U);
+    EXPECT_TRUE(creation.restIsNull);
+}
+
+TEST(InstallDataUploaderService, AnExistingInstallManagerDirectoryLeadsToTheClientBesideIt) {
+    const ScratchKey manager(kInstallManagerKey);
+    manager.SetText(L"", L"InstallDir", L"C:\\corvi");
+    const ScratchKey client(kProfileClientKey);
+    client.SetText(L"", L"InstallDir", L"C:\\windows");
+    EXPECT_EQ(RecordCommandLine(), L"\"C:\\corvi\\..\\Performance Profile Client\\TUEPDU.exe\"");
+}
+
+TEST(InstallDataUploaderService, ADirectoryThatDoesNotExistLeadsToTheProfileClientsOwn) {
+    const ScratchKey manager(kInstallManagerKey);
+    manager.SetText(L"", L"InstallDir", L"C:\\corvi\\no such directory");
+    const ScratchKey client(kProfileClientKey);
+    client.SetText(L"", L"InstallDir", L"C:\\not there either\\");
+    EXPECT_EQ(RecordCommandLine(), L"\"C:\\not there either\\\\TUEPDU.exe\"");
+}
+
+TEST(InstallDataUploaderService, WithoutEitherDirectoryTheLineIsFormattedWithAnEmptyText) {
+    EXPECT_EQ(RecordCommandLine(), kFromNothing);
+    const ScratchKey manager(kInstallManagerKey);
+    manager.SetText(L"", L"InstallDir", L"C:\\corvi\\no such directory");
+    EXPECT_EQ(RecordCommandLine(), kFromNothing);
+}
+
+TEST(InstallDataUploaderService, NoMoreThan260BytesOfTheDirectoryAreRead) {
+    const ScratchKey client(kProfileClientKey);
+    const std::wstring longest(130, L'd');
+    client.SetValue(L"", L"InstallDir", REG_SZ, longest.c_str(), 129 * sizeof(wchar_t));
+    EXPECT_EQ(RecordCommandLine(), L"\"" + longest.substr(1) + L"\\TUEPDU.exe\"");
+    client.SetText(L"", L"InstallDir", longest.substr(1));
+    EXPECT_EQ(RecordCommandLine(), L"\"" + longest.substr(1) + L"\\TUEPDU.exe\"");
+    client.SetText(L"", L"InstallDir", longest);
+    EXPECT_EQ(RecordCommandLine(), kFromNothing) << "262 bytes with the terminator";
+}
+
+TEST(InstallDataUploaderService, AValueThatFillsAll260BytesIsTerminatedSafely) {
+    const ScratchKey client(kProfileClientKey);
+    // The platform adds a terminator of its own when the data is followed by one.
+    const std::wstring text(131, L'd');
+    client.SetValue(L"", L"InstallDir", REG_SZ, text.c_str(), 260);
+    EXPECT_EQ(RecordCommandLine(), L"\"" + text.substr(1) + L"\\TUEPDU.exe\"");
+}
+
+TEST(InstallDataUploaderService, ReadsTheDirectoryWithReadAccessAnd260Bytes) {
+    const ScratchKey manager(kInstallManagerKey);
+    const ScratchKey client(kProfileClientKey);
+    ImportHooks hooks(GetModuleHandleW(nullptr));
+    Lines opened;
+    int queries = 0;
+    CORVI_HOOK(hooks, RegOpenKeyExW,
+               [&](HKEY root, LPCWSTR subkey, DWORD options, REGSAM access, PHKEY key) -> LSTATUS {
+                   EXPECT_EQ(root, HKEY_LOCAL_MACHINE);
+                   EXPECT_EQ(access, DWORD{KEY_READ});
+                   opened.emplace_back(subkey);
+                   return CORVI_ORIGINAL(hooks, RegOpenKeyExW)(root, subkey, options, access, key);
+               });
+    CORVI_HOOK(hooks, RegQueryValueExW,
+               [&](HKEY, LPCWSTR name, LPDWORD, LPDWORD type, LPBYTE, LPDWORD size) -> LSTATUS {
+                   ++queries;
+                   EXPECT_STREQ(name, L"InstallDir");
+                   EXPECT_EQ(*type, DWORD{REG_SZ});
+                   EXPECT_EQ(*size, 260U);
+                   return ERROR_FILE_NOT_FOUND;
+               });
+    CORVI_HOOK(hooks, OpenSCManagerW, [](LPCWSTR, LPCWSTR, DWORD) -> SC_HANDLE { return nullptr; });
+    StandardOutput output;
+    InstallDataUploaderService();
+    EXPECT_THAT(opened, ElementsAre(kInstallManagerKey, kProfileClientKey));
+    EXPECT_EQ(queries, 2);
+}
+
+TEST(InstallDataUploaderService, ADirectoryOfAnotherTypeCountsAsMissing) {
+    const ScratchKey client(kProfileClientKey);
+    client.SetNumber(L"", L"InstallDir", 0x00420041);
+    EXPECT_EQ(RecordCommandLine(), kFromNothing);
+}
+
+TEST(InstallDataUploaderService, TheServiceIsThereAfterwardsAndAnExistingOneIsLeftAsItIs) {
+    const ScratchKey client(kProfileClientKey);
+    client.SetText(L"", L"InstallDir", L"C:\\first");
+    InstallDataUploaderService();
+    EXPECT_EQ(GetServiceImagePath(kUploader), L"\"C:\\first\\TUEPDU.exe\"");
+    client.SetText(L"", L"InstallDir", L"C:\\second");
+    InstallDataUploaderService();
+    EXPECT_EQ(GetServiceImagePath(kUploader), L"\"C:\\first\\TUEPDU.exe\"");
+    DeleteServiceByName(kUploader);
+    EXPECT_FALSE(ServiceExists(kUploader));
+}
+
+TEST(InstallDataUploaderService, ACreatedServiceIsSetToDelayedStart) {
+    ImportHooks hooks(GetModuleHandleW(nullptr));
+    std::vector<DWORD> levels;
+    CORVI_HOOK(hooks, ChangeServiceConfig2W, [&](SC_HANDLE service, DWORD level, LPVOID info) -> BOOL {
+        EXPECT_NE(service, nullptr);
+        levels.push_back(level);
+        EXPECT_EQ(static_cast<SERVICE_DELAYED_AUTO_START_INFO*>(info)->fDelayedAutostart, TRUE);
+        return TRUE;
+    });
+    InstallDataUploaderService();
+    InstallDataUploaderService();
+    EXPECT_THAT(levels, ElementsAre(DWORD{SERVICE_CONFIG_DELAYED_AUTO_START_INFO}))
+        << "once: the second time the service exists";
+    hooks.RestoreAll();
+    DeleteServiceByName(kUploader);
+}
+
+TEST(InstallDataUploaderService, AManagerThatDoesNotOpenIsReportedOnStandardOutputOnly) {
+    Channels channels;
+    ScriptedManager manager(channels.hooks);
+    manager.managerError = ERROR_ACCESS_DENIED;
+    StandardOutput output;
+    InstallDataUploaderService();
+    EXPECT_EQ(output.Text(), "Error: Failed to open SCM.\r\n");
+    EXPECT_THAT(channels.debugger, IsEmpty());
+    EXPECT_THAT(manager.calls, ElementsAre("OpenSCManager - F003F"));
+}
+
+// ---- GetServiceBinaryPath
+
+ServiceHandle Manager() { return ServiceHandle(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS)); }
+
+TEST(GetServiceBinaryPath, GivesThePathAsStoredQuotesAndArgumentsIncluded) {
+    const TestService service(kName, L"\"C:\\corvi\\service.exe\" ", L"plain");
+    ServiceHandle manager = Manager();
+    ServiceHandle handle(OpenServiceW(manager.Get(), kName, SERVICE_QUERY_CONFIG));
+    EXPECT_EQ(GetServiceBinaryPath(manager, handle), L"\"C:\\corvi\\service.exe\" plain");
+    EXPECT_TRUE(manager && handle) << "both stay open";
+}
+
+TEST(GetServiceBinaryPath, StartsWith64BytesAndGrowsToWhatIsAskedFor) {
+    const TestService service(kName, L"plain");
+    ServiceHandle manager = Manager();
+    ServiceHandle handle(OpenServiceW(manager.Get(), kName, SERVICE_QUERY_CONFIG));
+    ImportHooks hooks(GetModuleHandleW(nullptr));
+    std::vector<DWORD> offered;
+    std::vector<DWORD> asked;
+    CORVI_HOOK(hooks, QueryServiceConfigW,
+               [&](SC_HANDLE target, LPQUERY_SERVICE_CONFIGW config, DWORD size, LPDWORD needed) -> BOOL {
+                   offered.push_back(size);
+                   const BOOL done = CORVI_ORIGINAL(hooks, QueryServiceConfigW)(target, config, size, needed);
+                   asked.push_back(*needed);
+                   return done;
+               });
+    EXPECT_EQ(GetServiceBinaryPath(manager, handle), L"C:\\corvi\\service.exe plain");
+    EXPECT_THAT(offered, ElementsAre(64U, asked.at(0)));
+}
+
+TEST(GetServiceBinaryPath, AnErrorClosesServiceAndManagerAndCarriesTheCode) {
+    ImportHooks hooks(GetModuleHandleW(nullptr));
+    ScriptedManager scripted(hooks);
+    ServiceHandle manager = Manager();
+    ServiceHandle handle(OpenServiceW(manager.Get(), kName, SERVICE_QUERY_CONFIG));
+    CORVI_HOOK(hooks, QueryServiceConfigW, [](SC_HANDLE, LPQUERY_SERVICE_CONFIGW, DWORD, LPDWORD) -> BOOL {
+        SetLastError(ERROR_ACCESS_DENIED);
+        return FALSE;
+    });
+    try {
+        GetServiceBinaryPath(manager, handle);
+        FAIL() << "nothing was thrown";
+    } catch (const std::system_error& error) {
+        EXPECT_EQ(error.code().value(), ERROR_ACCESS_DENIED);
+        EXPECT_EQ(error.code().category(), std::system_category());
+        EXPECT_EQ(std::string(error.what()).rfind("Unable to call QueryServiceConfig", 0), 0U);
+    }
+    EXPECT_THAT(scripted.closed, ElementsAre("service", "manager"));
+    EXPECT_FALSE(manager || handle);
+}
+
+TEST(GetServiceBinaryPath, ADemandThatNeverGrowsIsAnErrorAndNotAnEndlessLoop) {
+    ImportHooks hooks(GetModuleHandleW(nullptr));
+    ScriptedManager scripted(hooks);
+    ServiceHandle manager = Manager();
+    ServiceHandle handle(OpenServiceW(manager.Get(), kName, SERVICE_QUERY_CONFIG));
+    CORVI_HOOK(hooks, QueryServiceConfigW,
+               [](SC_HANDLE, LPQUERY_SERVICE_CONFIGW, DWORD, LPDWORD needed) -> BOOL {
+                   *needed = 100;
+                   SetLastError(ERROR_INSUFFICIENT_BUFFER);
+                   return FALSE;
+               });
+    EXPECT_THROW(GetServiceBinaryPath(manager, handle), std::system_error);
+}
+
+// ---- GetServiceImagePath
+
+constexpr wchar_t kServiceKey[] = L"SYSTEM\\CurrentControlSet\\Services\\CorviPlanted";
+
+TEST(GetServiceImagePath, GivesTheTextAsStored) {
+    const ScratchKey key(kServiceKey);
+    const std::wstring text = L"%SystemRoot%\\System32\\drivers\\Some Driver.sys -x";
+    key.SetText(L"", L"ImagePath", text);
+    EXPECT_EQ(GetServiceImagePath(L"CorviPlanted"), text);
+    key.SetValue(L"", L"ImagePath", REG_EXPAND_SZ, text.c_str(), (text.size() + 1) * sizeof(wchar_t));
+    EXPECT_EQ(GetServiceImagePath(L"CorviPlanted"), text) << "not expanded";
+    const std::wstring longText(2000, L'p');
+    key.SetText(L"", L"ImagePath", longText);
+    EXPECT_EQ(GetServiceImagePath(L"CorviPlanted"), longText);
+}
+
+TEST(GetServiceImagePath, AMissingKeyOrValueGivesAnEmptyText) {
+    EXPECT_EQ(GetServiceImagePath(L"CorviNoSuchService"), L"");
+    EXPECT_EQ(GetServiceImagePath(L""), L"");
+    const ScratchKey key(kServiceKey);
+    EXPECT_EQ(GetServiceImagePath(L"CorviPlanted"), L"");
+}
+
+TEST(GetServiceImagePath, BadDataGivesADefinedText) {
+    const ScratchKey key(kServiceKey);
+    key.SetNumber(L"", L"ImagePath", 0x00420041);
+    EXPECT_EQ(GetServiceImagePath(L"CorviPlanted"), L"");
+    key.SetValue(L"", L"ImagePath", REG_SZ, L"", 0);
+    EXPECT_EQ(GetServiceImagePath(L"CorviPlanted"), L"");
+    key.SetValue(L"", L"ImagePath", REG_SZ, L"abcdef", 6);
+    EXPECT_EQ(GetServiceImagePath(L"CorviPlanted"), L"abc") << "no terminator";
+    key.SetValue(L"", L"ImagePath", REG_SZ, L"ab\0cd", 12);
+    EXPECT_EQ(GetServiceImagePath(L"CorviPlanted"), L"ab");
+}
+
+TEST(GetServiceImagePath, AsksForNoMoreThanToQuery) {
+    const ScratchKey key(kServiceKey);
+    ImportHooks hooks(GetModuleHandleW(nullptr));
+    CORVI_HOOK(hooks, RegOpenKeyExW,
+               [&](HKEY root, LPCWSTR subkey, DWORD options, REGSAM access, PHKEY opened) -> LSTATUS {
+                   EXPECT_STREQ(subkey, kServiceKey);
+                   EXPECT_EQ(access, DWORD{KEY_QUERY_VALUE});
+                   return CORVI_ORIGINAL(hooks, RegOpenKeyExW)(root, subkey, options, access, opened);
+               });
+    EXPECT_EQ(GetServiceImagePath(L"CorviPlanted"), L"");
+}
+
+}  // namespace
+}  // namespace corvi::test
