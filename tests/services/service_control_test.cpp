@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+#include <msiquery.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -827,7 +829,7 @@ TEST(InstallDataUploaderService, AManagerThatDoesNotOpenIsReportedOnStandardOutp
     manager.managerError = ERROR_ACCESS_DENIED;
     StandardOutput output;
     InstallDataUploaderService();
-    EXPECT_EQ(output.Text(), "Error: Failed to open SCM.\r\n");
+    EXPECT_EQ(output.Text(), "Error: Failed to open SCM.\n");
     EXPECT_THAT(channels.debugger, IsEmpty());
     EXPECT_THAT(manager.calls, ElementsAre("OpenSCManager - F003F"));
 }

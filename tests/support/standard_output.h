@@ -13,7 +13,7 @@ class StandardOutput {
 public:
     StandardOutput() : original_(_dup(1)) {
         std::fflush(stdout);
-        FILE* file = _wfopen(kFile, L"wb");
+        FILE* file = _wfopen(kFile, L"w");
         _dup2(_fileno(file), 1);
         std::fclose(file);
     }
@@ -21,10 +21,10 @@ public:
     StandardOutput(const StandardOutput&) = delete;
     StandardOutput& operator=(const StandardOutput&) = delete;
 
-    /// Ends the collection and gives what was written and flushed, line ends as the platform writes them.
-    /// What still stands in a buffer is not part of it.
+    /// Ends the collection and gives what was written and flushed, line ends read
+    /// as "\n". What still stands in a buffer is not part of it.
     std::string Text() {
-        std::ifstream file("C:\\corvi\\standard_output.txt", std::ios::binary);
+        std::ifstream file("C:\\corvi\\standard_output.txt");
         const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
         Restore();
         return text;
