@@ -5,6 +5,7 @@
 
 #include <type_traits>
 
+#include "tests/support/handle_count.h"
 #include "tests/support/import_hooks.h"
 #include "tests/support/scratch_key.h"
 
@@ -29,12 +30,6 @@ RegKeyError ErrorOf(Work&& work) {
     }
     ADD_FAILURE() << "no RegKeyError was thrown";
     return {-1, ""};
-}
-
-DWORD HandleCount() {
-    DWORD count = 0;
-    GetProcessHandleCount(GetCurrentProcess(), &count);
-    return count;
 }
 
 class Registry : public testing::Test {
@@ -484,7 +479,7 @@ TEST_F(Registry, DeleteRunValueGivesTheErrorOfARefusedOpen) {
 
 TEST_F(Registry, NothingLeaksInTwoHundredCallsOfEachWay) {
     scratch.SetText(L"", L"Text", L"abc");
-    const DWORD before = HandleCount();
+    const unsigned long before = OpenHandleCount();
     for (int round = 0; round < 200; ++round) {
         EXPECT_EQ(OpenScratch().GetString(L"", L"Text", true), L"abc");
         EXPECT_EQ(OpenScratch().EnumValues().size(), 1U);
@@ -497,7 +492,7 @@ TEST_F(Registry, NothingLeaksInTwoHundredCallsOfEachWay) {
         RegDeleteValueW(OpenScratch().Get(), L"Other");
         DeleteRunValue(L"Corvi test");
     }
-    EXPECT_EQ(HandleCount(), before);
+    EXPECT_EQ(OpenHandleCount(), before);
 }
 
 }  // namespace

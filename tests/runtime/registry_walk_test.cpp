@@ -8,6 +8,7 @@
 #include <chrono>
 
 #include "runtime/registry.h"
+#include "tests/support/handle_count.h"
 #include "tests/support/import_hooks.h"
 #include "tests/support/scratch_key.h"
 
@@ -24,12 +25,6 @@ constexpr wchar_t kScratch[] = L"SOFTWARE\\CorviTests\\Walk";
 constexpr wchar_t kScratchFull[] = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\CorviTests\\Walk";
 
 std::wstring Under(const std::wstring& relative) { return kScratchFull + (L'\\' + relative); }
-
-DWORD HandleCount() {
-    DWORD count = 0;
-    GetProcessHandleCount(GetCurrentProcess(), &count);
-    return count;
-}
 
 /// What only the native interface can make: names that hold a terminator.
 class NativeNames {
@@ -364,13 +359,13 @@ TEST_F(RegistryWalk, ARealTreeOfFortyThousandKeysTakesAboutTwiceTheTimeOfHalfOfI
 TEST_F(RegistryWalk, NothingLeaksInTwoHundredWalks) {
     scratch.Add(L"A\\B\\C");
     scratch.SetNumber(L"A", L"Value", 1);
-    const DWORD before = HandleCount();
+    const unsigned long before = OpenHandleCount();
     for (int round = 0; round < 200; ++round) {
         EXPECT_EQ(KeyPaths().size(), 4U);
         std::vector<std::wstring> paths;
         ListKeyPaths(HKEY_LOCAL_MACHINE, nullptr, kScratch, paths);
     }
-    EXPECT_EQ(HandleCount(), before);
+    EXPECT_EQ(OpenHandleCount(), before);
 }
 
 // DeleteKeyTree
@@ -550,7 +545,7 @@ TEST_F(KeyTree, ASubkeyThatStaysAfterItsDeletionIsNotDeletedForEver) {
 }
 
 TEST_F(KeyTree, NothingLeaksInTwoHundredDeletions) {
-    const DWORD before = HandleCount();
+    const unsigned long before = OpenHandleCount();
     for (int round = 0; round < 200; ++round) {
         tree.Add(L"A\\B");
         EXPECT_TRUE(Delete(kTree));
@@ -566,7 +561,7 @@ TEST_F(KeyTree, NothingLeaksInTwoHundredDeletions) {
         EXPECT_FALSE(Delete(kTree));
         hooks.RestoreAll();
     }
-    EXPECT_EQ(HandleCount(), before);
+    EXPECT_EQ(OpenHandleCount(), before);
 }
 
 }  // namespace
