@@ -1,0 +1,196 @@
+#include "tests/runtime/file_tree.h"
+
+#include <stdexcept>
+
+#include "runtime/registry.h"
+
+namespace corvi::test {
+namespace {
+
+constexpr wchar_t kRoot[] = L"C:\\corvi\\tree";
+constexpr wchar_t kVerbatimRoot[] = L"\\\\?\\C:\\corvi\\tree";
+constexpr wchar_t kSessionManagerKey[] = L"SYSTEM\\CurrentControlSet\\Control\\Session Manager";
+constexpr wchar_t kRestartList[] = L"PendingFileRenameOperations";
+
+std::wstring Verbatim(const std::wstring& name) {
+    return name.empty() ? kVerbatimRoot : kVerbatimRoot + (L"\\" + name);
+}
+
+// Wine runs a program of the system below it by a path of this form, and tells where a path lies there.
+// Links that its own calls cannot make are made and removed by such programs.
+void RunBelow(const wchar_t* program, std::wstring commandLine) {
+    STARTUPINFOW startup = {};
+    startup.cb = sizeof(startup);
+    PROCESS_INFORMATION child = {};
+    if (CreateProcessW(program, commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
+                       &child) == FALSE) {
+        throw std::runtime_error("cannot run a program of the system below");
+    }
+    const KernelHandle process(child.hProcess);
+    const KernelHandle thread(child.hThread);
+    DWORD exitCode = STILL_ACTIVE;
+    WaitForSingleObject(process.Get(), 60000);
+    GetExitCodeProcess(process.Get(), &exitCode);
+    if (exitCode != 0) {
+        throw std::runtime_error("a program of the system below failed");
+    }
+}
+
+std::wstring PathBelow(const std::wstring& path) {
+    using UnixName = char*(CDECL*)(const wchar_t*);
+    const auto unixName = reinterpret_cast<UnixName>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32"), "wine_get_unix_file_name")));
+    char* const name = unixName(path.c_str());
+    const std::string narrow = name;
+    HeapFree(GetProcessHeap(), 0, name);
+    return std::wstring(narrow.begin(), narrow.end());
+}
+
+void List(const std::wstring& folder, std::vector<std::wstring>& paths) {
+    WIN32_FIND_DATAW found = {};
+    const HANDLE search = FindFirstFileW((folder + L"\\*").c_str(), &found);
+    if (search == INVALID_HANDLE_VALUE) {
+        return;
+    }
+    do {
+        const std::wstring name = found.cFileName;
+        if (name == L"." || name == L"..") {
+            continue;
+        }
+        paths.push_back(folder + L"\\" + name);
+        if ((found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0 &&
+            (found.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0) {
+            List(folder + L"\\" + name, paths);
+        }
+    } while (FindNextFileW(search, &found) != FALSE);
+    FindClose(search);
+}
+
+std::vector<BYTE> RestartList() {
+    DWORD size = 0;
+    RegGetValueW(HKEY_LOCAL_MACHINE, kSessionManagerKey, kRestartList, RRF_RT_REG_MULTI_SZ, nullptr, nullptr,
+                 &size);
+    std::vector<BYTE> data(size);
+    if (size > 0) {
+        RegGetValueW(HKEY_LOCAL_MACHINE, kSessionManagerKey, kRestartList, RRF_RT_REG_MULTI_SZ, nullptr,
+                     data.data(), &size);
+    }
+    return data;
+}
+
+void SetRestartList(const std::vector<BYTE>& data) {
+    const RegKey key = RegKey::Open(HKEY_LOCAL_MACHINE, kSessionManagerKey, KEY_SET_VALUE);
+    if (data.empty()) {
+        RegDeleteValueW(key.Get(), kRestartList);
+    } else {
+        RegSetValueExW(key.Get(), kRestartList, 0, REG_MULTI_SZ, data.data(),
+                       static_cast<DWORD>(data.size()));
+    }
+}
+
+}  // namespace
+
+FileTree::FileTree() {
+    if (CreateDirectoryW(kRoot, nullptr) == FALSE) {
+        throw std::runtime_error("the folder of the last test is still there");
+    }
+}
+
+FileTree::~FileTree() {
+    try {
+        RunBelow(L"\\\\?\\unix\\bin\\rm", L"rm -rf \"" + PathBelow(kRoot) + L"\"");
+    } catch (const std::exception&) {
+        // The next test does not start then.
+    }
+}
+
+std::wstring FileTree::Path(const std::wstring& name) const {
+    return name.empty() ? kRoot : kRoot + (L"\\" + name);
+}
+
+std::wstring FileTree::Folder(const std::wstring& name) const {
+    for (size_t end = name.find(L'\\'); end != std::wstring::npos; end = name.find(L'\\', end + 1)) {
+        CreateDirectoryW(Verbatim(name.substr(0, end)).c_str(), nullptr);
+    }
+    if (CreateDirectoryW(Verbatim(name).c_str(), nullptr) == FALSE &&
+        GetLastError() != ERROR_ALREADY_EXISTS) {
+        throw std::runtime_error("cannot make a folder");
+    }
+    return Path(name);
+}
+
+std::wstring FileTree::File(const std::wstring& name) const {
+    if (const size_t end = name.rfind(L'\\'); end != std::wstring::npos) {
+        Folder(name.substr(0, end));
+    }
+    const FileHandle file(CreateFileW(Verbatim(name).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                      FILE_ATTRIBUTE_NORMAL, nullptr));
+    DWORD written = 0;
+    if (!file || WriteFile(file.Get(), "test", 4, &written, nullptr) == FALSE) {
+        throw std::runtime_error("cannot make a file");
+    }
+    return Path(name);
+}
+
+std::wstring FileTree::Link(const std::wstring& name, const std::string& target) const {
+    RunBelow(L"\\\\?\\unix\\bin\\ln", L"ln -s \"" + std::wstring(target.begin(), target.end()) + L"\" \"" +
+                                          PathBelow(Path(name)) + L"\"");
+    return Path(name);
+}
+
+void FileTree::RemoveLink(const std::wstring& path) {
+    RunBelow(L"\\\\?\\unix\\bin\\rm", L"rm \"" + PathBelow(path) + L"\"");
+}
+
+bool FileTree::Exists(const std::wstring& name) const {
+    return GetFileAttributesW(Verbatim(name).c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+std::vector<std::wstring> FileTree::All() const {
+    std::vector<std::wstring> paths;
+    List(kRoot, paths);
+    return paths;
+}
+
+FileHandle Hold(const std::wstring& path, DWORD sharing) {
+    FileHandle file(CreateFileW(path.c_str(), GENERIC_READ, sharing, nullptr, OPEN_EXISTING,
+                                FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    if (!file) {
+        throw std::runtime_error("cannot hold a file");
+    }
+    return file;
+}
+
+DWORD OpenHandles() {
+    DWORD count = 0;
+    GetProcessHandleCount(GetCurrentProcess(), &count);
+    return count;
+}
+
+std::vector<std::wstring> ScheduledDeletes() {
+    const std::vector<BYTE> data = RestartList();
+    const std::wstring text(reinterpret_cast<const wchar_t*>(data.data()), data.size() / sizeof(wchar_t));
+    std::vector<std::wstring> paths;
+    for (size_t start = 0; start < text.size() && text[start] != L'\0';) {
+        const size_t end = text.find(L'\0', start);
+        paths.push_back(text.substr(start, end - start));
+        start = end + 2;  // each path is followed by an empty text: no new name
+    }
+    return paths;
+}
+
+KeptRestartList::KeptRestartList() : kept_(RestartList()) { SetRestartList({}); }
+
+KeptRestartList::~KeptRestartList() { SetRestartList(kept_); }
+
+void KeptRestartList::Replace(const std::vector<std::wstring>& paths) {
+    std::wstring text;
+    for (const std::wstring& path : paths) {
+        text.append(path).append(2, L'\0');
+    }
+    text.append(1, L'\0');
+    const auto* bytes = reinterpret_cast<const BYTE*>(text.data());
+    SetRestartList(std::vector<BYTE>(bytes, bytes + text.size() * sizeof(wchar_t)));
+}
+
+}  // namespace corvi::test
