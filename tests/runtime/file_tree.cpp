@@ -17,8 +17,10 @@ std::wstring Verbatim(const std::wstring& name) {
 }
 
 // Wine runs a program of the system below it by a path of this form, and tells where a path lies there.
-// Links that its own calls cannot make are made and removed by such programs.
-void RunBelow(const wchar_t* program, std::wstring commandLine) {
+// Links that its own calls cannot make are made and removed by such programs. There is no handle to wait
+// on: what the program does is looked for until it is there.
+template <typename IsDone>
+void RunBelow(const wchar_t* program, std::wstring commandLine, IsDone&& isDone) {
     STARTUPINFOW startup = {};
     startup.cb = sizeof(startup);
     PROCESS_INFORMATION child = {};
@@ -26,15 +28,16 @@ void RunBelow(const wchar_t* program, std::wstring commandLine) {
                        &child) == FALSE) {
         throw std::runtime_error("cannot run a program of the system below");
     }
-    const KernelHandle process(child.hProcess);
-    const KernelHandle thread(child.hThread);
-    DWORD exitCode = STILL_ACTIVE;
-    WaitForSingleObject(process.Get(), 60000);
-    GetExitCodeProcess(process.Get(), &exitCode);
-    if (exitCode != 0) {
-        throw std::runtime_error("a program of the system below failed");
+    const ULONGLONG end = GetTickCount64() + 30000;
+    while (!isDone()) {
+        if (GetTickCount64() > end) {
+            throw std::runtime_error("a program of the system below failed");
+        }
+        Sleep(1);
     }
 }
+
+bool IsThere(const std::wstring& path) { return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
 
 std::wstring PathBelow(const std::wstring& path) {
     using UnixName = char*(CDECL*)(const wchar_t*);
@@ -98,7 +101,8 @@ FileTree::FileTree() {
 
 FileTree::~FileTree() {
     try {
-        RunBelow(L"\\\\?\\unix\\bin\\rm", L"rm -rf \"" + PathBelow(kRoot) + L"\"");
+        RunBelow(L"\\\\?\\unix\\bin\\rm", L"rm -rf \"" + PathBelow(kRoot) + L"\"",
+                 [] { return !IsThere(kRoot); });
     } catch (const std::exception&) {
         // The next test does not start then.
     }
@@ -133,18 +137,18 @@ std::wstring FileTree::File(const std::wstring& name) const {
 }
 
 std::wstring FileTree::Link(const std::wstring& name, const std::string& target) const {
-    RunBelow(L"\\\\?\\unix\\bin\\ln", L"ln -s \"" + std::wstring(target.begin(), target.end()) + L"\" \"" +
-                                          PathBelow(Path(name)) + L"\"");
-    return Path(name);
+    const std::wstring link = Path(name);
+    RunBelow(L"\\\\?\\unix\\bin\\ln",
+             L"ln -s \"" + std::wstring(target.begin(), target.end()) + L"\" \"" + PathBelow(link) + L"\"",
+             [&] { return IsThere(link); });
+    return link;
 }
 
 void FileTree::RemoveLink(const std::wstring& path) {
-    RunBelow(L"\\\\?\\unix\\bin\\rm", L"rm \"" + PathBelow(path) + L"\"");
+    RunBelow(L"\\\\?\\unix\\bin\\rm", L"rm \"" + PathBelow(path) + L"\"", [&] { return !IsThere(path); });
 }
 
-bool FileTree::Exists(const std::wstring& name) const {
-    return GetFileAttributesW(Verbatim(name).c_str()) != INVALID_FILE_ATTRIBUTES;
-}
+bool FileTree::Exists(const std::wstring& name) const { return IsThere(Verbatim(name)); }
 
 std::vector<std::wstring> FileTree::All() const {
     std::vector<std::wstring> paths;

@@ -24,7 +24,7 @@ public:
     std::wstring Folder(const std::wstring& name) const;
     std::wstring File(const std::wstring& name) const;
 
-    /// Makes a link to a folder. target: as the link holds it, with "/" ("../target").
+    /// Makes a link to an existing folder. target: as the link holds it, with "/" ("../target").
     std::wstring Link(const std::wstring& name, const std::string& target) const;
 
     /// Removes a link, never its target.
