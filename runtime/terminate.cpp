@@ -5,10 +5,12 @@
 #include <cstdlib>
 
 #if defined(__GLIBCXX__)
-namespace __gnu_cxx {  // NOLINT(bugprone-reserved-identifier): the name that the library looks for
+// NOLINTBEGIN(bugprone-reserved-identifier): the name that the library looks for
+namespace __gnu_cxx {
 
-void __verbose_terminate_handler();  // NOLINT(bugprone-reserved-identifier)
-void __verbose_terminate_handler() { std::abort(); }  // NOLINT(bugprone-reserved-identifier)
+void __verbose_terminate_handler();
+void __verbose_terminate_handler() { std::abort(); }
 
 }  // namespace __gnu_cxx
+// NOLINTEND(bugprone-reserved-identifier)
 #endif
