@@ -243,16 +243,18 @@ bool IsDirectory(const std::wstring& path) {
 }
 
 std::wstring ParentPath(const std::wstring& path) {
-    const auto begin = path.begin() + static_cast<std::ptrdiff_t>(RootNameLength(path));
-    const auto root = std::find_if_not(begin, path.end(), IsPathSeparator);
-    auto end = path.end();
-    while (end != root && !IsPathSeparator(end[-1])) {
+    size_t root = RootNameLength(path);
+    while (root < path.size() && IsPathSeparator(path[root])) {
+        ++root;
+    }
+    size_t end = path.size();
+    while (end > root && !IsPathSeparator(path[end - 1])) {
         --end;
     }
-    while (end != root && IsPathSeparator(end[-1])) {
+    while (end > root && IsPathSeparator(path[end - 1])) {
         --end;
     }
-    return std::wstring(path.begin(), end);
+    return path.substr(0, end);
 }
 
 bool AreSameObject(const std::wstring& left, const std::wstring& right) {

@@ -133,7 +133,8 @@ std::wstring RegKey::GetString(const std::wstring& subkey, const std::wstring& v
         return {};
     }
     CutToBytes(text, size);
-    return text.c_str();
+    text.resize(std::min(text.find(L'\0'), text.size()));
+    return text;
 }
 
 DWORD RegKey::GetDword(const std::wstring& valueName) const {

@@ -12,7 +12,7 @@ namespace {
 
 // A folder's path must leave room for a short file name ("\12345678.123") below MAX_PATH.
 constexpr size_t kLongestPlainPath = MAX_PATH - 13;
-constexpr size_t kListingBytes = 64 * 1024;
+constexpr size_t kListingBytes = size_t{64} * 1024;
 
 constexpr const wchar_t* kVerbatimPrefixes[] = {L"\\\\?\\", L"\\\\.\\", L"\\??\\"};
 constexpr const wchar_t* kDeviceNames[] = {L"CON", L"PRN", L"AUX", L"NUL"};
