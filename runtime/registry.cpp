@@ -137,6 +137,17 @@ std::wstring RegKey::GetString(const std::wstring& subkey, const std::wstring& v
     return text;
 }
 
+std::optional<std::wstring> RegKey::QueryText(const std::wstring& valueName, DWORD capacityBytes) const {
+    std::wstring text = BufferForBytes(capacityBytes);
+    DWORD size = capacityBytes;
+    if (RegQueryValueExW(key_, valueName.c_str(), nullptr, nullptr, reinterpret_cast<BYTE*>(text.data()),
+                         &size) != ERROR_SUCCESS) {
+        return std::nullopt;
+    }
+    CutToBytes(text, size);
+    return std::wstring(text.c_str());
+}
+
 DWORD RegKey::GetDword(const std::wstring& valueName) const {
     DWORD value = 0;
     DWORD size = sizeof(value);

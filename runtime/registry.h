@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <optional>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -61,6 +62,10 @@ public:
     /// carries the code of the first, sizing RegGetValueW call.
     std::wstring GetString(const std::wstring& subkey, const std::wstring& valueName,
                            bool throwOnError) const;
+
+    /// Reads a value of any type as a text, up to its first terminator, by one RegQueryValueExW with room
+    /// for capacityBytes. Nothing when it cannot be read or does not fit; throws nothing for that.
+    std::optional<std::wstring> QueryText(const std::wstring& valueName, DWORD capacityBytes) const;
 
     /// Reads a REG_DWORD value. Throws RegKeyError "Unable to get registry value".
     DWORD GetDword(const std::wstring& valueName) const;

@@ -272,6 +272,20 @@ TEST_F(Registry, SetStringWritesTheTerminatorToo) {
     EXPECT_EQ(OpenScratch(KEY_READ).SetString(L"Text", L"x"), ERROR_ACCESS_DENIED);
 }
 
+TEST_F(Registry, QueryTextTakesWhatFitsItsCapacityOfAnyType) {
+    scratch.SetText(L"", L"Fits", std::wstring(259, L'x'));
+    scratch.SetText(L"", L"Long", std::wstring(260, L'x'));
+    scratch.SetValue(L"", L"Open", REG_BINARY, L"abcdef", 6);
+    scratch.SetValue(L"", L"Odd", REG_SZ, L"abcdef", 5);
+    const RegKey key = OpenScratch(KEY_READ);
+    EXPECT_EQ(key.QueryText(L"Fits", 520), std::wstring(259, L'x'));
+    EXPECT_EQ(key.QueryText(L"Long", 520), std::nullopt);
+    EXPECT_EQ(key.QueryText(L"None", 520), std::nullopt);
+    EXPECT_EQ(key.QueryText(L"Open", 6), L"abc");
+    EXPECT_EQ(key.QueryText(L"Odd", 520), L"ab");
+    EXPECT_EQ(RegKey().QueryText(L"Fits", 520), std::nullopt);
+}
+
 // Numbers
 
 TEST_F(Registry, NumberIsReadFromTheKeyItself) {
