@@ -3,10 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -224,104 +223,76 @@ TEST(AddToSystemPath, TakesAnyValueAndEntry) {
               (StoredValue{REG_SZ, std::wstring(L"E:\\more;D:\\modules") + L'\0'}));
 }
 
-// A desktop on which windows can be made although the machine has no display. Broadcasts of a thread
-// reach the windows of the thread's own desktop.
-class Desktop {
+// The program with three windows, one of which hangs, on a desktop of its own: there, windows can be made
+// although the machine has no display. A broadcast reaches the windows of the calling thread's desktop.
+class ForeignWindows {
 public:
-    Desktop() {
-        RegSetKeyValueW(HKEY_CURRENT_USER, L"Software\\Wine\\Drivers", L"Graphics", REG_SZ, L"null",
+    ForeignWindows() {
+        std::filesystem::remove(kSettingChanges);
+        RegSetKeyValueW(HKEY_CURRENT_USER, kGraphicsKey, kGraphicsValue, REG_SZ, L"null",
                         5 * sizeof(wchar_t));
         desktop_ = CreateDesktopW(L"corvi", nullptr, nullptr, 0, GENERIC_ALL, nullptr);
+        ready_ = CreateEventW(nullptr, TRUE, FALSE, L"CorviWindowsReady");
+        stop_ = CreateEventW(nullptr, TRUE, FALSE, L"CorviWindowsStop");
+        wchar_t program[] = L"C:\\corvi\\top_level_windows.exe";
+        wchar_t desktopName[] = L"corvi";
+        STARTUPINFOW startup = {};
+        startup.cb = sizeof(startup);
+        startup.lpDesktop = desktopName;
+        CreateProcessW(nullptr, program, nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process_);
     }
-    ~Desktop() {
-        CloseDesktop(desktop_);
-        RegDeleteKeyValueW(HKEY_CURRENT_USER, L"Software\\Wine\\Drivers", L"Graphics");
-    }
-    Desktop(const Desktop&) = delete;
-    Desktop& operator=(const Desktop&) = delete;
-
-    bool Enter() const { return SetThreadDesktop(desktop_) != FALSE; }
-
-private:
-    HDESK desktop_;
-};
-
-// A top-level window with a thread of its own, which either answers its messages or never does.
-class TopLevelWindow {
-public:
-    TopLevelWindow(const Desktop& desktop, bool answers)
-        : stop_(CreateEventW(nullptr, TRUE, FALSE, nullptr)),
-          thread_([this, &desktop, answers] { Run(desktop, answers); }) {
-        std::unique_lock lock(mutex_);
-        ready_.wait(lock, [this] { return isReady_; });
-    }
-    ~TopLevelWindow() {
+    ~ForeignWindows() {
         SetEvent(stop_);
-        thread_.join();
-        CloseHandle(stop_);
+        if (WaitForSingleObject(process_.hProcess, 10000) != WAIT_OBJECT_0) {
+            TerminateProcess(process_.hProcess, 1);
+        }
+        for (const HANDLE handle : {process_.hProcess, process_.hThread, ready_, stop_}) {
+            CloseHandle(handle);
+        }
+        CloseDesktop(desktop_);
+        RegDeleteKeyValueW(HKEY_CURRENT_USER, kGraphicsKey, kGraphicsValue);
+        std::filesystem::remove(kSettingChanges);
     }
-    TopLevelWindow(const TopLevelWindow&) = delete;
-    TopLevelWindow& operator=(const TopLevelWindow&) = delete;
+    ForeignWindows(const ForeignWindows&) = delete;
+    ForeignWindows& operator=(const ForeignWindows&) = delete;
 
-    bool Exists() const { return window_ != nullptr; }
-    std::vector<std::wstring> SettingChanges() {
-        const std::scoped_lock lock(mutex_);
-        return settingChanges_;
+    // Waits until the windows are there; false when they cannot be made.
+    bool Exist() const {
+        const HANDLE outcomes[] = {ready_, process_.hProcess};
+        return WaitForMultipleObjects(2, outcomes, FALSE, 20000) == WAIT_OBJECT_0;
+    }
+
+    // Moves the calling thread, whose end closes the handle.
+    static bool EnterDesktop() {
+        return SetThreadDesktop(OpenDesktopW(L"corvi", 0, FALSE, GENERIC_ALL)) != FALSE;
+    }
+
+    // What the windows received so far, in any order.
+    static std::vector<std::string> SettingChanges() {
+        std::vector<std::string> changes;
+        std::ifstream file(kSettingChanges);
+        for (std::string line; std::getline(file, line);) {
+            changes.push_back(line);
+        }
+        return changes;
     }
 
 private:
-    void Run(const Desktop& desktop, bool answers) {
-        HWND window = nullptr;
-        if (desktop.Enter()) {
-            WNDCLASSW windowClass = {};
-            windowClass.lpfnWndProc = &TopLevelWindow::Receive;
-            windowClass.lpszClassName = L"CorviTopLevelWindow";
-            RegisterClassW(&windowClass);
-            window = CreateWindowExW(0, windowClass.lpszClassName, L"", WS_OVERLAPPED, 0, 0, 10, 10, nullptr,
-                                     nullptr, nullptr, nullptr);
-            SetWindowLongPtrW(window, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(this));
-        }
-        {
-            const std::scoped_lock lock(mutex_);
-            window_ = window;
-            isReady_ = true;
-        }
-        ready_.notify_all();
-        if (!answers) {
-            WaitForSingleObject(stop_, INFINITE);
-        }
-        while (MsgWaitForMultipleObjects(1, &stop_, FALSE, INFINITE, QS_ALLINPUT) != WAIT_OBJECT_0) {
-            MSG message = {};
-            while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE) != FALSE) {
-                DispatchMessageW(&message);
-            }
-        }
-        DestroyWindow(window);
-    }
+    static inline const std::filesystem::path kSettingChanges = L"C:\\corvi\\setting_changes.txt";
+    static constexpr wchar_t kGraphicsKey[] = L"Software\\Wine\\Drivers";
+    static constexpr wchar_t kGraphicsValue[] = L"Graphics";
 
-    static LRESULT CALLBACK Receive(HWND window, UINT message, WPARAM wide, LPARAM text) {
-        auto* self = reinterpret_cast<TopLevelWindow*>(GetWindowLongPtrW(window, GWLP_USERDATA));
-        if (message == WM_SETTINGCHANGE && self != nullptr) {
-            const std::scoped_lock lock(self->mutex_);
-            self->settingChanges_.emplace_back(reinterpret_cast<const wchar_t*>(text));
-        }
-        return DefWindowProcW(window, message, wide, text);
-    }
-
-    HANDLE stop_;
-    std::mutex mutex_;
-    std::condition_variable ready_;
-    bool isReady_ = false;
-    HWND window_ = nullptr;
-    std::vector<std::wstring> settingChanges_;
-    std::thread thread_;
+    HDESK desktop_ = nullptr;
+    HANDLE ready_ = nullptr;
+    HANDLE stop_ = nullptr;
+    PROCESS_INFORMATION process_ = {};
 };
 
-// Runs the action on a thread of the desktop and gives the time that it took.
-std::chrono::steady_clock::duration RunOn(const Desktop& desktop, const Library& library) {
+// Runs the action on a thread of the windows' desktop and gives the time that it took.
+std::chrono::steady_clock::duration RunBesideForeignWindows(const Library& library) {
     std::chrono::steady_clock::duration elapsed{};
     std::thread([&] {
-        ASSERT_TRUE(desktop.Enter());
+        EXPECT_TRUE(ForeignWindows::EnterDesktop());
         const auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(library.Call("SetEnvPath_IPU_WA", 0), 0U);
         elapsed = std::chrono::steady_clock::now() - start;
@@ -329,24 +300,19 @@ std::chrono::steady_clock::duration RunOn(const Desktop& desktop, const Library&
     return elapsed;
 }
 
-TEST(EnvironmentBroadcast, ReachesARealWindowPastOneThatHangsWithinItsBound) {
+TEST(EnvironmentBroadcast, ReachesRealWindowsPastOneThatHangsWithinItsBound) {
     const KeptValue kept(kEnvironment, kPath);
     const Library library;
-    const Desktop desktop;
-    TopLevelWindow behind(desktop, true);
-    TopLevelWindow hanging(desktop, false);
-    TopLevelWindow front(desktop, true);
-    ASSERT_TRUE(behind.Exists() && hanging.Exists() && front.Exists());
+    const ForeignWindows windows;
+    ASSERT_TRUE(windows.Exist());
 
     StoreText(kEnvironment, kPath, L"C:\\windows");
-    EXPECT_LT(RunOn(desktop, library), std::chrono::seconds(5));
-    const std::vector<std::wstring> expected{L"Environment"};
-    EXPECT_EQ(behind.SettingChanges(), expected);
-    EXPECT_EQ(front.SettingChanges(), expected);
-    EXPECT_TRUE(hanging.SettingChanges().empty());
+    EXPECT_LT(RunBesideForeignWindows(library), std::chrono::seconds(5));
+    const auto reached = testing::UnorderedElementsAre("first Environment", "last Environment");
+    EXPECT_THAT(windows.SettingChanges(), reached);
 
-    RunOn(desktop, library);
-    EXPECT_EQ(front.SettingChanges(), expected) << "an unchanged path must not be broadcast";
+    RunBesideForeignWindows(library);
+    EXPECT_THAT(windows.SettingChanges(), reached) << "an unchanged path must not be broadcast";
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include "components/firewall.h"
 
+#include <windows.h>
+
 #include <gtest/gtest.h>
 #include <msiquery.h>
 

@@ -37,8 +37,8 @@ StartedCommands::StartedCommands(HMODULE module) : hooks_(module) {
                    started_.push_back({InnerCommand(commandLine), directory != nullptr
                                                                       ? std::optional<std::wstring>(directory)
                                                                       : std::nullopt});
-                   if (refusal_) {
-                       SetLastError(*refusal_);
+                   if (refusal_ && started_.back().command.rfind(refusal_->first, 0) == 0) {
+                       SetLastError(refusal_->second);
                        return FALSE;
                    }
                    return CORVI_ORIGINAL(hooks_, CreateProcessW)(application, commandLine, process, thread,

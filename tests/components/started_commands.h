@@ -30,7 +30,11 @@ public:
     void BeforeEach(std::function<void(size_t)> action) { beforeEach_ = std::move(action); }
 
     /// Refuses every start with this platform error from now on.
-    void RefuseWith(DWORD error) { refusal_ = error; }
+    void RefuseWith(DWORD error) { RefuseOnly(L"", error); }
+
+    /// Refuses the start of each command that begins so.
+    void RefuseOnly(const std::wstring& beginning, DWORD error) { refusal_ = {beginning, error}; }
+    void RefuseNone() { refusal_.reset(); }
 
     const std::vector<StartedCommand>& All() const { return started_; }
 
@@ -40,7 +44,7 @@ public:
 private:
     ImportHooks hooks_;
     std::function<void(size_t)> beforeEach_;
-    std::optional<DWORD> refusal_;
+    std::optional<std::pair<std::wstring, DWORD>> refusal_;
     std::vector<StartedCommand> started_;
 };
 
