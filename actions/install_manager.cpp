@@ -88,7 +88,7 @@ std::optional<std::wstring> ReadDeviceText(const DeviceList& devices, SP_DEVINFO
         DWORD needed = 0;
         if (SetupDiGetDeviceRegistryPropertyW(devices.Get(), &device, property, nullptr,
                                               reinterpret_cast<BYTE*>(text.data()), size, &needed) != FALSE) {
-            return text.data();
+            return std::wstring(text.data());
         }
         if (needed <= size) {
             return std::nullopt;
