@@ -83,8 +83,8 @@ std::optional<std::wstring> FindInstallLocation(MSIHANDLE session) {
     return ReadLocationProperty(session);
 }
 
-/// Asks the installer for the target path of a directory of the package and drops the answer. The
-/// question is kept: it makes the installer resolve that directory.
+/// Asks the installer for the target path of a directory of the package. Nothing uses the answer; that
+/// it is asked is part of how the action is known to behave.
 void QueryTargetPath(MSIHANDLE session, const wchar_t* directory) {
     wchar_t none[] = L"";
     DWORD length = 0;

@@ -182,10 +182,14 @@ bool IsRemovedInFull(uintmax_t removed) { return removed != 0 && removed != kNot
 
 void RemoveFolder(const std::wstring& path) {
     const std::wstring folder = PlatformPath(WithoutTrailingSeparators(path));
-    if (!HasAttributes(AttributesOrMissing(folder, kExists)) || RemoveAll(folder) != kNotAllRemoved) {
+    const DWORD attributes = AttributesOrMissing(folder, kExists);
+    if (!HasAttributes(attributes) || RemoveAll(folder) != kNotAllRemoved) {
         return;
     }
-    RemoveOrScheduleContents(folder);
+    // A link that cannot be removed has no contents of its own; opened, it may show its target's.
+    if (IsRealFolder(attributes)) {
+        RemoveOrScheduleContents(folder);
+    }
     if (!ClearReadOnly(folder) || !IsRemovedInFull(RemoveAll(folder))) {
         DeleteAtRestart(PlatformPath(path));
     }

@@ -32,8 +32,7 @@ class SettingsApplication : public testing::Test {
 protected:
     SettingsApplication() { MakeProduct(); }
 
-    /// A product folder with all that makes deleting hard: read-only entries, folders in folders, and a
-    /// link that leads out.
+    /// A product folder with read-only and hidden entries and folders in folders.
     void MakeProduct() const {
         folder_.MakeFile(L"kept\\precious.txt");
         folder_.MakeFile(L"product\\plain.txt");
