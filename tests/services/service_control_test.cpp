@@ -76,25 +76,25 @@ public:
         });
         CORVI_HOOK(hooks, CloseServiceHandle, [&, this](SC_HANDLE handle) -> BOOL {
             const BOOL closed = CORVI_ORIGINAL(hooks, CloseServiceHandle)(handle);
-            open -= closed != FALSE ? 1 : 0;
-            failedCloses += closed != FALSE ? 0 : 1;
+            open_ -= closed != FALSE ? 1 : 0;
+            failedCloses_ += closed != FALSE ? 0 : 1;
             return closed;
         });
     }
     ~HandleCount() {
-        EXPECT_EQ(open, 0);
-        EXPECT_EQ(failedCloses, 0);
+        EXPECT_EQ(open_, 0);
+        EXPECT_EQ(failedCloses_, 0);
     }
     HandleCount(const HandleCount&) = delete;
     HandleCount& operator=(const HandleCount&) = delete;
 
 private:
     SC_HANDLE Counted(SC_HANDLE handle) {
-        open += handle != nullptr ? 1 : 0;
+        open_ += handle != nullptr ? 1 : 0;
         return handle;
     }
-    int open = 0;
-    int failedCloses = 0;
+    int open_ = 0;
+    int failedCloses_ = 0;
 };
 
 constexpr wchar_t kOpenManagerFailed[] = L"Error: Failed to open SCM.\n";

@@ -25,7 +25,7 @@ public:
     /// as "\n". What still stands in a buffer is not part of it.
     std::string Text() {
         std::ifstream file("C:\\corvi\\standard_output.txt");
-        const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+        std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
         Restore();
         return text;
     }
