@@ -16,7 +16,8 @@ inline constexpr wchar_t kTaskDefinition[] =
     L"<Actions><Exec><Command>x.exe</Command><WorkingDirectory>old</WorkingDirectory></Exec></Actions>"
     L"</Task>";
 
-/// An installed suite: the directory and the registry value that names it.
+/// An installed suite: the directory and the registry value that names it. What a tool that still runs holds
+/// of the directory stays behind.
 class SuiteInstallation {
 public:
     SuiteInstallation();
