@@ -127,6 +127,13 @@ TEST_F(DeleteServiceAction, TheBinaryPathGoesToStandardOutput) {
     EXPECT_EQ(output.Text(), "binary path = C:\\corvi\\vendor service\\service.exe\n");
 }
 
+TEST_F(DeleteServiceAction, ForeignCharactersDoNotCutTheBinaryPathOnStandardOutput) {
+    const TestService service(kName, L"C:\\corvi\\\u65E5\u672C \u00E9\\service.exe", L"");
+    StandardOutput output;
+    Call(kName, L"C:\\windows");
+    EXPECT_THAT(output.Text(), testing::EndsWith("\\service.exe\n"));
+}
+
 TEST_F(DeleteServiceAction, TheDirectoryIsComparedAsAnObjectAndNotAsText) {
     const InstalledProgram program;
     for (const wchar_t* spelling : {L"C:\\corvi\\vendor service\\", L"c:/CORVI/Vendor Service",
