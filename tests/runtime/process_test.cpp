@@ -700,6 +700,7 @@ protected:
     // The line that a start logs which the shell refuses with this instance value.
     std::wstring FailureLine(INT_PTR value) {
         NoteShellStarts([value](SHELLEXECUTEINFOW& info) {
+            // NOLINTNEXTLINE(performance-no-int-to-ptr): the shell gives a number in a handle's place
             info.hInstApp = reinterpret_cast<HINSTANCE>(value);
             return FALSE;
         });
