@@ -15,6 +15,7 @@ namespace corvi {
 /// A COM stream over one open file, for the XML reader and writer: reading, writing, seeking and the
 /// size. Everything else answers E_NOTIMPL. Lives as long as its references; the last one closes the
 /// file. Platform errors come back as HRESULT_FROM_WIN32 codes.
+// NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor): only the last Release ends the object
 class FileStream final : public IStream {
 public:
     /// Opens a file and gives the stream that holds it, with one reference. access, creation: as for
@@ -58,7 +59,6 @@ public:
     HRESULT STDMETHODCALLTYPE Clone(IStream**) override { return E_NOTIMPL; }
 
 private:
-    // Only the last Release ends the object.
     ~FileStream() = default;
 
     FileHandle file_;

@@ -103,6 +103,24 @@ TEST_F(RealXml, ASourceWithoutByteOrderMarkIsCopiedAsWell) {
     EXPECT_EQ(result_, S_FALSE);
 }
 
+TEST_F(RealXml, AUtf16SourceThatDeclaresAnotherEncodingIsCopied) {
+    const std::wstring declaration = L"<?xml version=\"1.0\" encoding=\"utf-8\"?>";
+    EXPECT_THAT(Copy(Utf16(declaration + kDocument)), HasSubstr(L"NEW</WorkingDirectory>"));
+    EXPECT_EQ(result_, S_FALSE);
+}
+
+// The copy leaves it to the reader what becomes of a source in another encoding than the forced one. Wine's
+// reader finds the encoding out by itself; the platform's takes what it is told, and ends the copy.
+TEST_F(RealXml, ASourceThatIsNotUtf16IsLeftToTheReader) {
+    const std::string document =
+        "<?xml version=\"1.0\" encoding=\"utf-8\"?><Task><WorkingDirectory>old</WorkingDirectory></Task>";
+    for (const char* mark : {"", "\xEF\xBB\xBF"}) {
+        EXPECT_THAT(Copy(mark + document), HasSubstr(L"<WorkingDirectory>NEW</WorkingDirectory>"));
+        EXPECT_EQ(result_, S_FALSE);
+        EXPECT_EQ(printed_, "");
+    }
+}
+
 TEST_F(RealXml, ADocumentTypeDeclarationIsRefused) {
     const std::wstring copy = Copy(Utf16(L"<!DOCTYPE Task><Task></Task>"));
     EXPECT_TRUE(FAILED(result_));
