@@ -71,7 +71,7 @@ public:
     // The path under which a component is registered; empty when it is not.
     static std::wstring RegisteredPath(const std::wstring& dll) {
         const auto stored = ReadStored(L"SOFTWARE\\Classes\\CLSID\\" + dll + L"\\InprocServer32", L"");
-        return stored ? std::wstring(stored->characters.c_str()) : std::wstring();
+        return stored ? TextOf(*stored) : std::wstring();
     }
     static bool IsRegistered(const std::wstring& dll) {
         return !RegisteredPath(dll).empty() && fs::equivalent(RegisteredPath(dll), kDirectory + dll);
@@ -248,7 +248,7 @@ protected:
         StoreNumber(kVersionKey, L"UBR", revision);
     }
 
-    static std::wstring Path() { return ReadStored(kEnvironment, L"Path")->characters.c_str(); }
+    static std::wstring Path() { return TextOf(ReadStored(kEnvironment, L"Path").value()); }
     static bool IsPathExtended() { return Path() == kPathEntry + L"C:\\windows"; }
 
     UINT Install() { return library_.Call("SetPermissionsRegisterDLL", session_.Handle()); }

@@ -36,14 +36,16 @@ struct Broadcast {
 class SystemPath : public testing::Test {
 protected:
     SystemPath() : hooks_(library_.Module()) {
-        CORVI_HOOK(hooks_, SendMessageTimeoutW,
-                   [this](HWND window, UINT message, WPARAM wide, LPARAM text, UINT flags, UINT timeout,
-                          PDWORD_PTR result) -> LRESULT {
-                       broadcasts_.push_back({window, message, wide, reinterpret_cast<const wchar_t*>(text),
-                                              flags, timeout, result != nullptr});
-                       pathAtBroadcast_ = Path();
-                       return 1;
-                   });
+        CORVI_HOOK(
+            hooks_, SendMessageTimeoutW,
+            [this](HWND window, UINT message, WPARAM wide, LPARAM text, UINT flags, UINT timeout,
+                   PDWORD_PTR result) -> LRESULT {
+                // NOLINTNEXTLINE(performance-no-int-to-ptr): how a message carries a text
+                const auto* const words = reinterpret_cast<const wchar_t*>(text);
+                broadcasts_.push_back({window, message, wide, words, flags, timeout, result != nullptr});
+                pathAtBroadcast_ = Path();
+                return 1;
+            });
     }
 
     static std::optional<StoredValue> Path() { return ReadStored(kEnvironment, kPath); }

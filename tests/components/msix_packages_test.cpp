@@ -171,7 +171,7 @@ protected:
         tools_.StandInFor(kPowerShell);
         tools_.StandInFor(kPipedTool);
     }
-    ~ChatRemoval() override { fs::remove_all(kFolders); }
+    void TearDown() override { fs::remove_all(kFolders); }
 
     static std::wstring MakeFolder(const wchar_t* name) {
         const fs::path folder = kFolders / name;

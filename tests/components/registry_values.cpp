@@ -58,6 +58,10 @@ void PrintTo(const StoredValue& value, std::ostream* stream) {
     *stream << '"';
 }
 
+std::wstring TextOf(const StoredValue& value) {
+    return value.characters.substr(0, value.characters.find(L'\0'));
+}
+
 std::optional<StoredValue> ReadStored(const std::wstring& key, const std::wstring& name) {
     DWORD type = REG_NONE;
     const auto data = ReadBytes(key, name, type);
@@ -110,9 +114,10 @@ KeptValue::KeptValue(std::wstring key, std::wstring name) : key_(std::move(key))
 
 KeptValue::~KeptValue() {
     if (data_) {
-        StoreBytes(key_, name_, type_, data_->data(), data_->size());
+        RegSetKeyValueW(HKEY_LOCAL_MACHINE, key_.c_str(), name_.c_str(), type_, data_->data(),
+                        static_cast<DWORD>(data_->size()));
     } else {
-        DeleteStored(key_, name_);
+        RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, key_.c_str(), name_.c_str());
     }
 }
 

@@ -16,6 +16,9 @@ struct StoredValue {
 bool operator==(const StoredValue& left, const StoredValue& right);
 void PrintTo(const StoredValue& value, std::ostream* stream);
 
+/// The characters before the first terminator.
+std::wstring TextOf(const StoredValue& value);
+
 // All keys below are relative to HKEY_LOCAL_MACHINE.
 
 std::optional<StoredValue> ReadStored(const std::wstring& key, const std::wstring& name);
