@@ -44,6 +44,8 @@ protected:
         MakeKey(HKEY_LOCAL_MACHINE, kDriverService);
         CORVI_HOOK(hooks_, ShellExecuteExW, [this](SHELLEXECUTEINFOW* information) -> BOOL {
             started_.push_back(std::wstring(information->lpFile) + information->lpParameters);
+            statusAtStart_ = Registered(L"LSX_TUEPStatus");
+            driverCopyAtStart_ = DriverCopy();
             information->hProcess = nullptr;
             return TRUE;
         });
@@ -96,6 +98,8 @@ protected:
     InstallerSession session_;
     ImportHooks hooks_;
     Lines started_;
+    std::optional<DWORD> statusAtStart_;
+    std::optional<DWORD> driverCopyAtStart_;
 };
 
 // --- What is read and logged ---
@@ -283,6 +287,13 @@ TEST_F(CheckForClients, TheLastClaimantIsDeletedFirstAndIsTheUninstallingClientI
     EXPECT_EQ(Claimant(), L"LSX");
 }
 
+TEST_F(CheckForClients, AnUninstallIsRecordedBeforeTuepIsRestarted) {
+    Register(L"HX_TUEPStatus", 1);
+    EXPECT_EQ(Call(kUninstall), kKeepTuepForOthers);
+    EXPECT_EQ(statusAtStart_, 2U);
+    EXPECT_EQ(driverCopyAtStart_, 2U);
+}
+
 TEST_F(CheckForClients, AnInstallWhileAnotherHoldsTuepAndNoCopyIsFoundKeepsWhatIsThere) {
     Register(L"HX_TUEPStatus", 1);
     EXPECT_EQ(Call(kInstallVersion2), kKeepInstalledCopy);
@@ -355,6 +366,13 @@ TEST_F(CheckForClients, KeepingACopyWritesNoDriverCopyOfTheStatus) {
     Register(L"LSX_TUEPStatus", 2);
     EXPECT_EQ(Call(kInstallVersion2), kKeepInstalledCopy);
     EXPECT_EQ(DriverCopy(), std::nullopt);
+}
+
+TEST_F(CheckForClients, KeepingACopyIsRecordedBeforeTuepIsStarted) {
+    const InstalledProduct same(L"tuep_2", L"02");
+    Register(L"LSX_TUEPStatus", 2);
+    EXPECT_EQ(Call(kInstallVersion2), kKeepInstalledCopy);
+    EXPECT_EQ(statusAtStart_, 1U);
 }
 
 TEST_F(CheckForClients, ANewerCopyIsKeptWhileAnotherHoldsTuep) {

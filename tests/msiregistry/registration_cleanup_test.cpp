@@ -345,6 +345,24 @@ TEST_F(RegistrationCleanup, AdvertisedProductsOfTheMachineGoWithTheirFeatures) {
     EXPECT_TRUE(ValueExists(HKEY_CLASSES_ROOT, L"Installer\\Features\\" + third, L"Everything"));
 }
 
+TEST_F(RegistrationCleanup, AnAdvertisedProductLosesItsUpgradeCodeThenItsFeaturesThenItself) {
+    PlantAdvertised(HKEY_CLASSES_ROOT, L"Installer\\", kPacked);
+    PlantUsers(HKEY_CLASSES_ROOT, L"Installer\\UpgradeCodes\\Only", {kPacked});
+    Names leftAtEachDeletion;
+    CORVI_HOOK(hooks_, RegDeleteTreeW, [&](HKEY key, LPCWSTR subkey) -> LSTATUS {
+        std::wstring left;
+        for (const std::wstring& path :
+             {std::wstring(L"UpgradeCodes\\Only"), L"Features\\" + kPacked, L"Products\\" + kPacked}) {
+            left +=
+                KeyExists(HKEY_CLASSES_ROOT, L"Installer\\" + path) ? path.substr(0, 1) : std::wstring(L"-");
+        }
+        leftAtEachDeletion.push_back(left);
+        return CORVI_ORIGINAL(hooks_, RegDeleteTreeW)(key, subkey);
+    });
+    RemoveProductRegistration(kName);
+    EXPECT_THAT(leftAtEachDeletion, ElementsAre(L"UFP", L"-FP", L"--P"));
+}
+
 TEST_F(RegistrationCleanup, TheIconOfAnAdvertisedProductNamesItsCache) {
     PlantAdvertised(HKEY_CLASSES_ROOT, L"Installer\\", kPacked);
     WriteText(HKEY_CLASSES_ROOT, L"Installer\\Products\\" + kPacked, L"ProductIcon",
