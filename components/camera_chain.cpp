@@ -68,7 +68,12 @@ bool RemoveSuiteFromChain(MSIHANDLE session, const MachineValue& value) {
                                              : RewriteChain(session, key, std::move(entries));
 }
 
-void ListChainValues(const RegKey& interfaceKey, const wchar_t* path, std::vector<std::wstring>& valuePaths) {
+// An interface key that is not there adds nothing.
+void ListChainValues(const wchar_t* path, std::vector<std::wstring>& valuePaths) {
+    const RegKey interfaceKey = RegKey::TryOpen(HKEY_LOCAL_MACHINE, path, KEY_READ);
+    if (!interfaceKey) {
+        return;
+    }
     std::vector<std::wstring> keyPaths;
     ListKeyAndValuePaths(HKEY_LOCAL_MACHINE, interfaceKey.Get(), path, keyPaths, valuePaths,
                          {kClassValue, kChainValue});
@@ -82,11 +87,7 @@ UINT RemoveDmftFromCameraChains(MSIHANDLE session) {
     // that was deleted then cannot be read now. Installed packages rely on both.
     std::vector<std::wstring> valuePaths;
     for (const wchar_t* path : kDeviceInterfaceKeys) {
-        const RegKey interfaceKey = RegKey::TryOpen(HKEY_LOCAL_MACHINE, path, KEY_READ);
-        if (!interfaceKey) {
-            continue;
-        }
-        ListChainValues(interfaceKey, path, valuePaths);
+        ListChainValues(path, valuePaths);
         for (const std::wstring& valuePath : valuePaths) {
             if (!RemoveSuiteFromChain(session, SplitValuePath(valuePath))) {
                 result = ERROR_INSTALL_FAILURE;

@@ -78,6 +78,15 @@ TEST_F(CameraChain, InterfaceKeysThatAreNotThereAreSkipped) {
     EXPECT_FALSE(KeyExists(kCameraKey));
 }
 
+TEST_F(CameraChain, PassesOfAbsentInterfaceKeysStillWorkOnTheSharedList) {
+    StoreChain(thrice_, {kSuite, kOther});
+    for (const std::wstring& key : {kCaptureKey, kVideoKey}) {
+        RegDeleteTreeW(HKEY_LOCAL_MACHINE, key.c_str());
+    }
+    EXPECT_EQ(Call(), 1603U);
+    EXPECT_EQ(ReadStored(thrice_, kChain), Chain({kOther}, 3));
+}
+
 TEST_F(CameraChain, ChainOfTheSuiteAloneIsDeletedAndSuccessGives1603) {
     StoreChain(once_, {kSuite});
     StoreText(once_, L"FriendlyName", L"Camera");

@@ -1,5 +1,9 @@
 #include "tests/package/machine.h"
 
+#include <msi.h>
+
+#include "tests/support/installer_run.h"
+
 namespace corvi::test {
 
 bool MachineKeyExists(const std::wstring& key) {
@@ -38,10 +42,22 @@ bool FileExists(const std::wstring& path) {
     return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
-bool TaskExists(const std::wstring& name) { return FileExists(L"C:\\windows\\system32\\tasks\\" + name); }
-
-bool ServiceExists(const std::wstring& name) {
-    return MachineKeyExists(L"SYSTEM\\CurrentControlSet\\Services\\" + name);
+std::vector<std::wstring> InstalledProducts(const std::wstring& upgradeCode) {
+    std::vector<std::wstring> codes;
+    wchar_t code[39] = {};
+    while (MsiEnumRelatedProductsW(upgradeCode.c_str(), 0, static_cast<DWORD>(codes.size()), code) ==
+           ERROR_SUCCESS) {
+        codes.emplace_back(code);
+    }
+    return codes;
 }
+
+void UninstallProducts(const std::wstring& upgradeCode, const std::wstring& properties) {
+    for (const std::wstring& code : InstalledProducts(upgradeCode)) {
+        RunInstaller(L"/x " + code + L" " + properties);
+    }
+}
+
+bool TaskExists(const std::wstring& name) { return FileExists(L"C:\\windows\\system32\\tasks\\" + name); }
 
 }  // namespace corvi::test

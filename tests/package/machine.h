@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace corvi::test {
 
@@ -14,8 +15,11 @@ std::optional<std::wstring> MachineValue(const std::wstring& key, const std::wst
 void SetMachineText(const std::wstring& key, const std::wstring& name, const std::wstring& text);
 void SetMachineNumber(const std::wstring& key, const std::wstring& name, DWORD number);
 bool FileExists(const std::wstring& path);
+/// The product codes that are installed under an upgrade code.
+std::vector<std::wstring> InstalledProducts(const std::wstring& upgradeCode);
+/// Uninstalls every product that is installed under an upgrade code, each with the given properties.
+void UninstallProducts(const std::wstring& upgradeCode, const std::wstring& properties = L"");
 /// True when the task scheduler holds a task of that name.
 bool TaskExists(const std::wstring& name);
-bool ServiceExists(const std::wstring& name);
 
 }  // namespace corvi::test

@@ -5,6 +5,7 @@
 
 #include "tests/package/machine.h"
 #include "tests/support/installer_run.h"
+#include "tests/support/test_service.h"
 
 namespace corvi::test {
 namespace {

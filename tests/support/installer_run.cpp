@@ -24,6 +24,7 @@ std::string ReadLog() {
 
 std::vector<LoggedAction> Actions(const std::string& log) {
     static const std::regex kStart(R"(Action start [\d:]+: ([\w.]+)\.)");
+    static const std::regex kAction(R"(Action [\d:]+: .*)");
     static const std::regex kEnd(R"(Action ended [\d:]+: ([\w.]+)\. Return value (-?\d+)\.)");
     std::vector<LoggedAction> ended;
     LoggedAction current;
@@ -39,7 +40,7 @@ std::vector<LoggedAction> Actions(const std::string& log) {
             current.returnValue = std::stoi(match[2]);
             ended.push_back(current);
             current = {};
-        } else if (!line.empty() && !line.starts_with("Action ")) {
+        } else if (!line.empty() && !std::regex_match(line, kAction)) {
             current.lines.push_back(line);
         }
     }
