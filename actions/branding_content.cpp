@@ -13,6 +13,7 @@
 #include "runtime/registry.h"
 #include "runtime/session.h"
 #include "runtime/text.h"
+#include "runtime/tree_walk.h"
 #include "runtime/unique_handle.h"
 
 namespace corvi {
@@ -72,6 +73,14 @@ std::wstring ReadBrandingDirectory() {
     return settings ? settings.GetString(L"", kBrandingDirectoryValue, false) : std::wstring();
 }
 
+/// True when the directory is a link to another one: what an ordinary user may have put in its place.
+bool IsLinkedDirectory(const std::wstring& directory) {
+    // Behind a trailing separator the platform looks through the link.
+    const std::wstring name = directory.substr(0, directory.find_last_not_of(L"\\/") + 1);
+    const DWORD attributes = GetFileAttributesW(name.c_str());
+    return attributes != INVALID_FILE_ATTRIBUTES && IsLink(attributes);
+}
+
 bool IsDotName(const std::wstring& name) { return name == L"." || name == L".."; }
 
 /// The paths of what lies directly in a directory, with forward slashes. A separator always comes
@@ -124,7 +133,7 @@ void DeleteEntry(const std::wstring& entry) {
 UINT DeleteAllButBrandingContent() {
     const std::vector<std::wstring> brandingList = ReadBrandingList();
     const std::wstring directory = ReadBrandingDirectory();
-    if (!PathExists(directory)) {
+    if (!PathExists(directory) || IsLinkedDirectory(directory)) {
         return ERROR_SUCCESS;
     }
     for (const std::wstring& entry : ListEntries(directory)) {

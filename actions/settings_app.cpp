@@ -56,7 +56,7 @@ constexpr UINT kNotDeleted = 1;
 std::wstring GetHXNextLocation() {
     try {
         return RegKey::Open(HKEY_LOCAL_MACHINE, kHXNextKey, KEY_READ).GetString(L"", kLocationValue, true);
-    } catch (const std::exception&) {
+    } catch (...) {
         return {};
     }
 }

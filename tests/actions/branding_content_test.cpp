@@ -238,12 +238,13 @@ TEST_F(BrandingContent, WhatLinksLeadToStays) {
     EXPECT_FALSE(folder_.Has(L"install\\app.exe"));
 }
 
-TEST_F(BrandingContent, ALinkAsDirectoryShowsTheEntriesBehindIt) {
+TEST_F(BrandingContent, ALinkAsDirectoryIsNotEntered) {
     folder_.MakeLink(L"linked", L"install");
-    RegisterDirectory(L"C:\\hx\\linked");
-    Retain(L"C:\\hx\\linked\\Partner");
-    EXPECT_EQ(Call(), 0U);
-    ExpectLeft({L"Partner"});
+    for (const wchar_t* directory : {L"C:\\hx\\linked", L"C:\\hx\\linked\\", L"C:/hx/linked//"}) {
+        RegisterDirectory(directory);
+        EXPECT_EQ(Call(), 0U);
+        ExpectAllLeft();
+    }
 }
 
 // Cut to the room for it, the path would name the other file.
