@@ -24,6 +24,13 @@ void CutToBytes(std::wstring& buffer, DWORD byteCount) {
     buffer.resize(std::min<size_t>(byteCount / sizeof(wchar_t), buffer.size()));
 }
 
+/// The text that a read of byteCount bytes left in a buffer, up to its first terminator.
+std::wstring TextIn(std::wstring buffer, DWORD byteCount) {
+    CutToBytes(buffer, byteCount);
+    buffer.resize(std::min(buffer.find(L'\0'), buffer.size()));
+    return buffer;
+}
+
 /// Splits at every terminator, empty pieces included. Data that does not end in a terminator keeps its
 /// last piece.
 std::vector<std::wstring> SplitAtTerminators(const std::wstring& data) {
@@ -132,9 +139,7 @@ std::wstring RegKey::GetString(const std::wstring& subkey, const std::wstring& v
         }
         return {};
     }
-    CutToBytes(text, size);
-    text.resize(std::min(text.find(L'\0'), text.size()));
-    return text;
+    return TextIn(std::move(text), size);
 }
 
 std::optional<std::wstring> RegKey::QueryText(const std::wstring& valueName, DWORD capacityBytes) const {
@@ -144,8 +149,7 @@ std::optional<std::wstring> RegKey::QueryText(const std::wstring& valueName, DWO
                          &size) != ERROR_SUCCESS) {
         return std::nullopt;
     }
-    CutToBytes(text, size);
-    return std::wstring(text.c_str());
+    return TextIn(std::move(text), size);
 }
 
 DWORD RegKey::GetDword(const std::wstring& valueName) const {

@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cstdio>
 #include <cwchar>
+#include <functional>
 #include <unordered_set>
+#include <utility>
 
 #include "runtime/registry.h"
 #include "runtime/text.h"
@@ -43,23 +45,38 @@ std::wstring RootPrefix(HKEY root) {
 }
 
 /// Appends to a list of paths what the list does not hold yet. The index beside the list keeps the cost
-/// of a walk proportional to the number of keys.
+/// of a walk proportional to the number of keys; it knows the paths by their positions, not as copies.
 class PathList {
 public:
-    explicit PathList(std::vector<std::wstring>& paths) : paths_(paths), index_(paths.begin(), paths.end()) {}
+    explicit PathList(std::vector<std::wstring>& paths)
+        : paths_(paths), index_(paths.size(), HashAt{&paths}, EqualAt{&paths}) {
+        for (size_t position = 0; position < paths.size(); ++position) {
+            index_.insert(position);
+        }
+    }
 
     /// True when the path was not in the list.
-    bool Add(const std::wstring& path) {
-        const bool added = index_.insert(path).second;
-        if (added) {
-            paths_.push_back(path);
+    bool Add(std::wstring path) {
+        paths_.push_back(std::move(path));
+        const bool added = index_.insert(paths_.size() - 1).second;
+        if (!added) {
+            paths_.pop_back();
         }
         return added;
     }
 
 private:
+    struct HashAt {
+        const std::vector<std::wstring>* paths;
+        size_t operator()(size_t position) const { return std::hash<std::wstring>()((*paths)[position]); }
+    };
+    struct EqualAt {
+        const std::vector<std::wstring>* paths;
+        bool operator()(size_t left, size_t right) const { return (*paths)[left] == (*paths)[right]; }
+    };
+
     std::vector<std::wstring>& paths_;
-    std::unordered_set<std::wstring> index_;
+    std::unordered_set<size_t, HashAt, EqualAt> index_;
 };
 
 /// One walk below one root.

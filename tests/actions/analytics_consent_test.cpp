@@ -13,7 +13,7 @@
 namespace corvi::test {
 namespace {
 
-using std::literals::operator""s;
+using namespace std::string_literals;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::StartsWith;

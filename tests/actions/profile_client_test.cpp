@@ -24,12 +24,11 @@ namespace corvi::test {
 namespace {
 
 namespace fs = std::filesystem;
-using std::literals::operator""s;
+using namespace std::string_literals;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::EndsWith;
-using testing::Eq;
 using testing::IsEmpty;
 using testing::IsSupersetOf;
 using testing::Not;
@@ -89,13 +88,14 @@ private:
 };
 
 class ProfileClient : public testing::Test {
-protected:
+public:
     ~ProfileClient() override {
         fs::remove_all(L"C:\\Program Files\\TAVO");
         fs::remove_all(L"C:\\Program Files (x86)\\TAVO");
         fs::remove_all(L"C:\\ProgramData\\TAVO");
     }
 
+protected:
     UINT Call(const char* action) { return library.Call(action, session.Handle()); }
 
     UINT PostInstall(const std::wstring& actionData = kActionData) {
@@ -567,8 +567,11 @@ protected:
                        return status;
                    });
     }
+
+public:
     ~AfterInstallPpc() override { RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kSessionManager, kPending); }
 
+protected:
     static void SetPending(const std::wstring& data) {
         RegSetKeyValueW(HKEY_LOCAL_MACHINE, kSessionManager, kPending, REG_MULTI_SZ, data.data(),
                         static_cast<DWORD>(data.size() * sizeof(wchar_t)));
@@ -679,11 +682,14 @@ protected:
         GetTempPathW(MAX_PATH, directory);
         temporary = directory;
     }
+
+public:
     ~UnInstallPpc() override {
         fs::remove_all(temporary + L"PPCtemp");
         fs::remove_all(temporary + L"PPCx86");
     }
 
+protected:
     Lines Moves() const {
         return {L"move "s + kFolder + L"|" + temporary + L"PPCtemp|2", L"move " + temporary + L"PPCtemp||4",
                 L"move "s + kFolderX86 + L"|" + temporary + L"PPCx86|2", L"move " + temporary + L"PPCx86||4"};

@@ -12,7 +12,7 @@
 namespace corvi::test {
 namespace {
 
-using std::literals::operator""s;
+using namespace std::string_literals;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -148,7 +148,7 @@ TEST_F(Registry, AKeyMovesAndIsClosedOnce) {
         RegKey first = OpenScratch();
         const HKEY handle = first.Get();
         RegKey second(std::move(first));
-        EXPECT_FALSE(first);
+        EXPECT_FALSE(first);  // NOLINT(bugprone-use-after-move): that it is empty then is the point
         EXPECT_EQ(second.Get(), handle);
         RegKey third = OpenScratch();
         third = std::move(second);
