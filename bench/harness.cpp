@@ -24,6 +24,9 @@ double Milliseconds(const Way& way, int times) {
         way.run();
         QueryPerformanceCounter(&end);
         ticks += end.QuadPart - begin.QuadPart;
+        if (way.check) {
+            way.check();
+        }
     }
     return 1000.0 * static_cast<double>(ticks) / static_cast<double>(frequency.QuadPart) / times;
 }

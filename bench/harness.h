@@ -6,11 +6,13 @@
 
 namespace corvi::bench {
 
-/// One way of doing a job. prepare makes the state that run needs and uses up; only run is timed.
+/// One way of doing a job. prepare makes the state that run needs and uses up, check ends the program when
+/// run did not do the job; only run is timed. prepare and check may be missing.
 struct Way {
     std::string name;
     std::function<void()> prepare;
     std::function<void()> run;
+    std::function<void()> check = nullptr;
 };
 
 /// Another way of doing the same job, and the aim: the library's time over this one's.
@@ -52,7 +54,7 @@ RowResult Measure(const Row& row, int rounds);
 std::string TableLines(const RowResult& result);
 std::string Json(const std::vector<RowResult>& results, int rounds);
 
-/// Ends the program with a message: a way that did not do its job must not be timed as if it had.
+/// Ends the program with a message unless something is done.
 void Require(bool done, const char* what);
 
 }  // namespace corvi::bench

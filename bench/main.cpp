@@ -42,7 +42,7 @@ int main(int argc, char** argv) {
     std::vector<RowResult> results;
     for (Row (*const row)() :
          {DeleteFolderRow, ListKeyPathsRow, ListKeyPathsGrowthRow, RunCommandlineRow, LibraryLoadRow,
-          RemoveProductRegistrationRow, RemoveProductRegistrationGrowthRow}) {
+          RemoveProductRegistrationRow, RemoveProductRegistrationGrowthRow, RewriteTaskFileRow}) {
         const Row job = row();
         if (job.name.find(wanted) == std::string::npos) {
             continue;

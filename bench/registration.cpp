@@ -9,22 +9,30 @@
 namespace corvi::bench {
 namespace {
 
-constexpr wchar_t kUserKey[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Installer\\UserData\\S-1-5-18";
+constexpr wchar_t kUserDataKey[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Installer\\UserData\\";
 constexpr wchar_t kProductName[] = L"Corvi measured product";
 constexpr wchar_t kPackedCode[] = L"0123456789ABCDEF0123456789ABCDEF";
 constexpr wchar_t kOtherPackedCode[] = L"FEDCBA9876543210FEDCBA9876543210";
 constexpr int kComponentsOfProduct = 20;
 
-std::wstring ComponentsPath() { return std::wstring(kUserKey) + L"\\Components"; }
+/// Whose installer data is measured, and how many component keys it holds.
+struct User {
+    std::wstring sid;
+    int components;
 
-std::wstring ProductPath() {
-    return std::wstring(kUserKey) + L"\\Products\\" + kPackedCode + L"\\InstallProperties";
-}
+    std::wstring Key() const { return kUserDataKey + sid; }
+    std::wstring ComponentsKey() const { return Key() + L"\\Components"; }
+    std::wstring PropertiesKey() const {
+        return Key() + L"\\Products\\" + kPackedCode + L"\\InstallProperties";
+    }
+    std::wstring ComponentKey(int number) const {
+        const std::wstring digits = std::to_wstring(number);
+        return ComponentsKey() + L"\\" + std::wstring(32 - digits.size(), L'0') + digits;
+    }
+};
 
-std::wstring ComponentPath(int number) {
-    const std::wstring digits = std::to_wstring(number);
-    return ComponentsPath() + L"\\" + std::wstring(32 - digits.size(), L'0') + digits;
-}
+const User kSmaller = {L"S-1-5-18", 20000};
+const User kLarger = {L"S-1-5-21-1", 40000};
 
 void SetText(const std::wstring& path, const wchar_t* name, const std::wstring& text) {
     Require(RegSetKeyValueW(HKEY_LOCAL_MACHINE, path.c_str(), name, REG_SZ, text.c_str(),
@@ -32,38 +40,35 @@ void SetText(const std::wstring& path, const wchar_t* name, const std::wstring& 
             "writing a registration");
 }
 
-int componentCount = 0;
-
-// The machine's components: each belongs to another product.
-void HaveComponents(int count) {
-    if (count < componentCount) {
-        RegDeleteTreeW(HKEY_LOCAL_MACHINE, ComponentsPath().c_str());
-        componentCount = 0;
-    }
-    for (; componentCount < count; ++componentCount) {
-        SetText(ComponentPath(componentCount), kOtherPackedCode, L"C:\\other\\file.dll");
+// Each component belongs to another product. They are made once and stay.
+void HaveComponents(const User& user) {
+    if (!RegKey::TryOpen(HKEY_LOCAL_MACHINE, user.ComponentsKey(), KEY_READ)) {
+        for (int number = 0; number < user.components; ++number) {
+            SetText(user.ComponentKey(number), kOtherPackedCode, L"C:\\other\\file.dll");
+        }
     }
 }
 
-void RegisterProduct(int components) {
-    HaveComponents(components);
-    SetText(ProductPath(), L"DisplayName", kProductName);
-    SetText(ProductPath(), L"LocalPackage", L"C:\\corvi\\no-package.msi");
-    SetText(ProductPath(), L"UninstallString", L"MsiExec.exe /I{00112233-4455-6677-8899-AABBCCDDEEFF}");
+void Register(const User& user) {
+    HaveComponents(user);
+    SetText(user.PropertiesKey(), L"DisplayName", kProductName);
+    SetText(user.PropertiesKey(), L"LocalPackage", L"C:\\corvi\\no-package.msi");
+    SetText(user.PropertiesKey(), L"UninstallString",
+            L"MsiExec.exe /I{00112233-4455-6677-8899-AABBCCDDEEFF}");
     for (int number = 0; number < kComponentsOfProduct; ++number) {
-        SetText(ComponentPath(number * components / kComponentsOfProduct), kPackedCode,
+        SetText(user.ComponentKey(number * user.components / kComponentsOfProduct), kPackedCode,
                 L"C:\\measured\\file.dll");
     }
 }
 
-void RemoveRegistration() {
-    RemoveProductRegistration(kProductName);
-    Require(!RegKey::TryOpen(HKEY_LOCAL_MACHINE, ProductPath(), KEY_READ), "removing the registration");
+void CheckRemoved(const User& user) {
+    Require(!RegKey::TryOpen(HKEY_LOCAL_MACHINE, user.PropertiesKey(), KEY_READ),
+            "removing the registration");
 }
 
 // What cannot be avoided: each component key is opened and its values are enumerated.
-void WalkComponents() {
-    const RegKey components = RegKey::Open(HKEY_LOCAL_MACHINE, ComponentsPath(), KEY_READ);
+void WalkComponents(const User& user) {
+    const RegKey components = RegKey::Open(HKEY_LOCAL_MACHINE, user.ComponentsKey(), KEY_READ);
     wchar_t name[256] = {};
     DWORD length = 256;
     int values = 0;
@@ -71,7 +76,7 @@ void WalkComponents() {
                                         nullptr) == ERROR_SUCCESS;
          ++index, length = 256) {
         HKEY component = nullptr;
-        if (RegOpenKeyExW(components.Get(), name, 0, KEY_READ | KEY_SET_VALUE, &component) != ERROR_SUCCESS) {
+        if (RegOpenKeyExW(components.Get(), name, 0, kReadWriteAccess, &component) != ERROR_SUCCESS) {
             continue;
         }
         wchar_t value[256] = {};
@@ -83,24 +88,32 @@ void WalkComponents() {
         }
         RegCloseKey(component);
     }
-    Require(values >= componentCount, "walking the components");
+    Require(values >= user.components, "walking the components");
 }
 
-Row RegistrationRow(const char* name, int components) {
-    return {
-        name,
-        {"RemoveProductRegistration", [=] { RegisterProduct(components); }, RemoveRegistration},
-        {{{"bare walk of the component keys", [=] { RegisterProduct(components); }, WalkComponents}, 1.5}}};
+// Each round takes the measured product out of one user's data; the walk is over the same keys.
+Way Cleanup(const char* name, const User& user) {
+    return {name, [&user] { Register(user); }, [] { RemoveProductRegistration(kProductName); },
+            [&user] { CheckRemoved(user); }};
+}
+
+Way Walk(const User& user) {
+    return {"bare walk of the component keys", [&user] { HaveComponents(user); },
+            [&user] { WalkComponents(user); }};
 }
 
 }  // namespace
 
 Row RemoveProductRegistrationRow() {
-    return RegistrationRow("RemoveProductRegistration, 20,000 components", 20000);
+    const char* const name = "RemoveProductRegistration, 20,000 components";
+    return {name, Cleanup(name, kSmaller), {{Walk(kSmaller), 1.5}}};
 }
 
 Row RemoveProductRegistrationGrowthRow() {
-    return RegistrationRow("RemoveProductRegistration, 40,000 components", 40000);
+    const char* const name = "RemoveProductRegistration, 40,000 components";
+    return {name,
+            Cleanup(name, kLarger),
+            {{Walk(kLarger), 1.5}, {Cleanup("RemoveProductRegistration, 20,000 components", kSmaller), 2.2}}};
 }
 
 }  // namespace corvi::bench

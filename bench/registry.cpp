@@ -32,18 +32,17 @@ void MakeKeys(const std::wstring& path, int count) {
     RegCloseKey(group);
 }
 
-std::wstring KeysOf(int count) {
-    const std::wstring path = std::wstring(kKey) + L"\\" + std::to_wstring(count);
-    HKEY key = nullptr;
-    if (RegOpenKeyW(HKEY_LOCAL_MACHINE, path.c_str(), &key) == ERROR_SUCCESS) {
-        RegCloseKey(key);
-    } else {
-        MakeKeys(path, count);
+std::wstring KeysOf(int count) { return std::wstring(kKey) + L"\\" + std::to_wstring(count); }
+
+// They are made once and stay.
+void HaveKeys(int count) {
+    if (!RegKey::TryOpen(HKEY_LOCAL_MACHINE, KeysOf(count), KEY_READ)) {
+        MakeKeys(KeysOf(count), count);
     }
-    return path;
 }
 
-void List(const std::wstring& path, int count) {
+void List(int count) {
+    const std::wstring path = KeysOf(count);
     std::vector<std::wstring> paths;
     const RegKey key = RegKey::Open(HKEY_LOCAL_MACHINE, path, KEY_READ);
     ListKeyPaths(HKEY_LOCAL_MACHINE, key.Get(), path, paths);
@@ -73,27 +72,31 @@ int EnumerateBare(HKEY key) {
     return found;
 }
 
-void EnumerateBare(const std::wstring& path, int count) {
-    const RegKey key = RegKey::Open(HKEY_LOCAL_MACHINE, path, KEY_READ);
+void EnumerateAll(int count) {
+    const RegKey key = RegKey::Open(HKEY_LOCAL_MACHINE, KeysOf(count), KEY_READ);
     Require(EnumerateBare(key.Get()) >= count, "enumerating the keys");
+}
+
+Way Listing(const char* name, int count) {
+    return {name, [=] { HaveKeys(count); }, [=] { List(count); }};
+}
+
+Way Enumeration(int count) {
+    return {"bare loop: enumerate and open", [=] { HaveKeys(count); }, [=] { EnumerateAll(count); }};
 }
 
 }  // namespace
 
 Row ListKeyPathsRow() {
-    const std::wstring keys = KeysOf(20000);
-    return {"ListKeyPaths, 20,000 keys",
-            {"ListKeyPaths", nullptr, [=] { List(keys, 20000); }},
-            {{{"bare loop: enumerate and open", nullptr, [=] { EnumerateBare(keys, 20000); }}, 1.3}}};
+    const char* const name = "ListKeyPaths, 20,000 keys";
+    return {name, Listing(name, 20000), {{Enumeration(20000), 1.3}}};
 }
 
 Row ListKeyPathsGrowthRow() {
-    const std::wstring keys = KeysOf(40000);
-    const std::wstring half = KeysOf(20000);
-    return {"ListKeyPaths, 40,000 keys",
-            {"ListKeyPaths", nullptr, [=] { List(keys, 40000); }},
-            {{{"bare loop: enumerate and open", nullptr, [=] { EnumerateBare(keys, 40000); }}, 1.3},
-             {{"ListKeyPaths, 20,000 keys", nullptr, [=] { List(half, 20000); }}, 2.2}}};
+    const char* const name = "ListKeyPaths, 40,000 keys";
+    return {name,
+            Listing(name, 40000),
+            {{Enumeration(40000), 1.3}, {Listing("ListKeyPaths, 20,000 keys", 20000), 2.2}}};
 }
 
 }  // namespace corvi::bench

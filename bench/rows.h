@@ -14,5 +14,6 @@ Row RunCommandlineRow();
 Row LibraryLoadRow();
 Row RemoveProductRegistrationRow();
 Row RemoveProductRegistrationGrowthRow();
+Row RewriteTaskFileRow();
 
 }  // namespace corvi::bench
