@@ -187,7 +187,7 @@ void RemoveFolder(const std::wstring& path) {
         return;
     }
     // A link that cannot be removed has no contents of its own; opened, it may show its target's.
-    if (IsRealFolder(attributes)) {
+    if (!IsLink(attributes)) {
         RemoveOrScheduleContents(folder);
     }
     if (!ClearReadOnly(folder) || !IsRemovedInFull(RemoveAll(folder))) {

@@ -29,19 +29,18 @@ uint64_t Mixed(uint64_t value) {
 
 }  // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the names that the compiler uses
+// The names are the compiler's.
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp,readability-identifier-naming)
 extern "C" {
 
 uintptr_t __stack_chk_guard = 0;
 
-[[noreturn]] void __stack_chk_fail();
 void __stack_chk_fail() { EndProcess(); }
 
 // The checked string functions of the compiler's library end here.
-[[noreturn]] void __chk_fail();
 void __chk_fail() { EndProcess(); }
 }
-// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp,readability-identifier-naming)
 
 namespace {
 
