@@ -9,6 +9,7 @@ import re
 import subprocess
 import sys
 import textwrap
+import time
 
 import demo_story
 
@@ -48,6 +49,8 @@ class Machine:
             return "there" if self.path(name).exists() else None
         if kind == "task":
             return "there" if (self.drive / "windows/system32/tasks" / name).exists() else None
+        if kind == "service":
+            return self.probe(f"key HKLM\\SYSTEM\\CurrentControlSet\\Services\\{name}")
         if kind == "key":
             return "there" if wine("reg", "query", name)[1] == 0 else None
         if kind == "value":
@@ -67,6 +70,9 @@ def plant(machine, things):
             target = machine.path(name)
             target.parent.mkdir(parents=True, exist_ok=True)
             target.write_text(content, encoding="utf-8")
+        elif kind == "service":
+            if wine("sc", "create", name, f"binPath={content}", "type=own", "start=demand")[1] != 0:
+                raise DemoFailure(f"could not plant {what}")
         elif kind == "value":
             key, _, value = name.rpartition(" | ")
             number = content.startswith("dword:")
@@ -125,6 +131,7 @@ def run_step(machine, number, step, logs, known):
     print(f"\n[{number}] {step['title']}", flush=True)
     plant(machine, step.get("plant", []))
     before = machine.state(step["watch"])
+    began = time.monotonic()
     log_name = f"{number:02}-{step['log']}.log"
     command = f"msiexec {step['msiexec']} /qn /l*v C:\\corvi\\{log_name}"
     print(f"    msiexec {step['msiexec']} /qn")
@@ -144,7 +151,9 @@ def run_step(machine, number, step, logs, known):
     changes = [f"{what}: {before[what] or 'absent'} -> {after[what] or 'absent'}"
                for what in step["watch"] if before[what] != after[what]]
     print("    changed on the machine: " + ("; ".join(changes) if changes else "nothing"))
-    print(f"    installer's result: {code}; full log: {logs / log_name}")
+    if "note" in step:
+        print(f"    note: {step['note']}")
+    print(f"    installer's result: {code}; {time.monotonic() - began:.1f} s; full log: {logs / log_name}")
 
     problems = []
     if code != step["result"]:

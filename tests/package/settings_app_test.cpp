@@ -35,6 +35,7 @@ protected:
         UninstallProducts(kRecordingProducts);
         UninstallProducts(kSettingsProducts);
         RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\TAVOBranding");
+        RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\QEL Technologies");
         RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\TAVODVR");
         RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\TAVO");
         RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Wow6432Node\\QEL");
@@ -98,17 +99,30 @@ TEST_F(SettingsPackage, ARepairDeletesNothing) {
     EXPECT_TRUE(TaskExists(L"StartHX"));
 }
 
-TEST_F(SettingsPackage, AnUpgradeKeepsTheBrandingContent) {
+// What an upgrade runs for the older version. Wine's own upgrade does not tell the older version that it
+// is one, so the test passes the property that Windows passes.
+TEST_F(SettingsPackage, TheRemovalInAnUpgradeKeepsTheBrandingContentAndTheKeys) {
     RunInstaller(kInstall);
     SetMachineText(L"SOFTWARE\\TAVOBranding\\Skins", L"", L"");
     WriteFileAt(std::wstring(kFolder) + L"\\Skins\\blue.skin");
     WriteFileAt(std::wstring(kFolder) + L"\\made-later.txt");
-    const InstallerRun run = RunInstaller(kUpgrade);
+    const InstallerRun run = RunInstaller(std::wstring(kUninstall) +
+                                          L" UPGRADINGPRODUCTCODE={6A1E4C55-7C1B-4B0B-9E5A-0B8B6C5D2AFF}");
     EXPECT_EQ(run.exitCode, 0U);
+    EXPECT_TRUE(run.Ran("DeleteandRetainValues"));
+    for (const char* action : {"DeleteHXFolder", "DeleteHXINSTALLDIRFolder", "DeleteHXNoUpgrade"}) {
+        EXPECT_FALSE(run.Ran(action)) << action;
+    }
     EXPECT_TRUE(FileExists(std::wstring(kFolder) + L"\\Skins\\blue.skin"));
     EXPECT_FALSE(FileExists(std::wstring(kFolder) + L"\\made-later.txt"));
-    EXPECT_TRUE(FileExists(std::wstring(kFolder) + L"\\hxcmd.exe"));
-    EXPECT_TRUE(TaskExists(L"StartHX"));
+}
+
+TEST_F(SettingsPackage, AnUpgradeFindsTheOlderVersionAndRemovesIt) {
+    RunInstaller(kInstall);
+    const InstallerRun run = RunInstaller(kUpgrade);
+    EXPECT_EQ(run.exitCode, 0U);
+    EXPECT_EQ(run.Last("RemoveExistingProducts").returnValue, 1);
+    EXPECT_EQ(run.Last("CreateLogonSchTask").returnValue, 1);
 }
 
 TEST_F(SettingsPackage, RecordingInstallsIntoTheApplicationsFolderAndIsTrackedOnce) {
