@@ -14,7 +14,7 @@ import time
 import demo_story
 
 TIMEOUT = 120  # seconds for one run of the installer
-WXI_ACTION = re.compile(r'CustomAction Id="(\w+)" BinaryKey="Corvi_CA"')
+WXI_ACTION = re.compile(r'CustomAction Id="(\w+)" BinaryKey="Corvi_CA" DllEntry="\w+"\s+Execute="(\w+)"')
 
 
 class DemoFailure(Exception):
@@ -86,25 +86,24 @@ def plant(machine, things):
 
 
 def custom_actions(log, known):
-    """(action, the installer's return value, its log lines) in the order in which they ran. A deferred
-    action stands twice in the log, written to the script and run: only the run counts."""
-    rows, current = [], None
-    deferred = False
+    """[action, the installer's return value, its log lines] in the order in which they ran. A deferred
+    action stands twice in the log, written to the script and run from it after InstallFinalize has
+    started: only the run counts. known: how each action is executed, by its name."""
+    rows, current, from_script = [], None, False
     for line in log.splitlines():
         start = re.match(r"Action start [\d:]+: (\w+)\.", line)
         end = re.match(r"Action ended [\d:]+: (\w+)\. Return value (\d+)\.", line)
         if start:
-            deferred = deferred or start.group(1) == "InstallFinalize"
-            current = [start.group(1), None, [], deferred]
+            from_script = from_script or start.group(1) == "InstallFinalize"
+            current = [start.group(1), None, []]
         elif end and current and end.group(1) == current[0]:
             current[1] = end.group(2)
-            if current[0] in known:
+            if current[0] in known and (from_script or known[current[0]] == "immediate"):
                 rows.append(current)
             current = None
-        elif current and current[0] in known and line.strip() and not line.startswith("Action "):
+        elif current and line.strip() and not re.match(r"Action [\d:]+: ", line):
             current[2].append(line.rstrip())
-    run_later = {row[0] for row in rows if row[3]}
-    return [row[:3] for row in rows if row[3] or row[0] not in run_later]
+    return rows
 
 
 def table(rows, headers):
@@ -175,7 +174,7 @@ def main():
     logs = pathlib.Path(sys.argv[1])
     machine = Machine(os.environ["WINEPREFIX"])
     include = pathlib.Path(__file__).parent.parent / "package" / "Corvi_CA.wxi"
-    known = set(WXI_ACTION.findall(include.read_text(encoding="utf-8")))
+    known = dict(WXI_ACTION.findall(include.read_text(encoding="utf-8")))
     results = [run_step(machine, number, {"watch": list(step["expect"]), **step}, logs, known)
                for number, step in enumerate(demo_story.STEPS, 1)]
     good = sum(results)
