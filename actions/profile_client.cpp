@@ -276,9 +276,9 @@ void GrantFullControlToUsers(const FileHandle& directory) {
 void OpenDataFolderToUsers() {
     const std::wstring base = KnownFolder(CSIDL_COMMON_APPDATA);
     const std::wstring folder = FormatBounded(kFolderCapacity, L"%ls%ls", base.c_str(), kPpcDataSubfolder);
-    const FileHandle directory(
-        CreateFileW(folder.c_str(), READ_CONTROL | WRITE_DAC, 0, nullptr, OPEN_EXISTING,
-                    FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+    const FileHandle directory(CreateFileW(folder.c_str(), READ_CONTROL | WRITE_DAC, 0, nullptr,
+                                           OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    // Through a link the open reaches the link's target; its final path gives that away.
     if (directory && IsReachedWithoutLink(directory, base, kPpcDataSubfolder)) {
         GrantFullControlToUsers(directory);
     }

@@ -441,7 +441,7 @@ TEST_F(PostInstallPpcAccess, AsksForOneEntryThatGrantsAGroupGivenBySid) {
     EXPECT_EQ(entry.Trustee.TrusteeType, TRUSTEE_IS_GROUP);
 }
 
-TEST_F(PostInstallPpcAccess, OpensTheFolderItselfAloneAndForItsAccessListOnly) {
+TEST_F(PostInstallPpcAccess, OpensTheFolderUnsharedAndForItsAccessListOnly) {
     DWORD access = 0;
     DWORD sharing = 1;
     DWORD disposition = 0;
@@ -462,7 +462,7 @@ TEST_F(PostInstallPpcAccess, OpensTheFolderItselfAloneAndForItsAccessListOnly) {
     EXPECT_EQ(access, static_cast<DWORD>(READ_CONTROL | WRITE_DAC));
     EXPECT_EQ(sharing, 0U);
     EXPECT_EQ(disposition, static_cast<DWORD>(OPEN_EXISTING));
-    EXPECT_EQ(flags, static_cast<DWORD>(FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT));
+    EXPECT_EQ(flags, static_cast<DWORD>(FILE_FLAG_BACKUP_SEMANTICS));
     EXPECT_EQ(written.size(), 1U);
 }
 
@@ -472,6 +472,20 @@ TEST_F(PostInstallPpcAccess, LeavesAPlantedLinkAlone) {
                    *information = {};
                    information->dwFileAttributes = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT;
                    return TRUE;
+               });
+    EXPECT_EQ(PostInstall(), 0U);
+    EXPECT_THAT(written, IsEmpty());
+}
+
+TEST_F(PostInstallPpcAccess, LeavesTheTargetOfAPlantedLinkAlone) {
+    CORVI_HOOK(journal.Hooks(), GetFinalPathNameByHandleW,
+               [&](HANDLE object, LPWSTR path, DWORD size, DWORD flags) -> DWORD {
+                   CORVI_ORIGINAL(journal.Hooks(), GetFinalPathNameByHandleW)(object, path, size, flags);
+                   // The PPC that was opened is a link to another folder.
+                   const std::wstring real = path;
+                   const std::wstring shown = real.ends_with(L"\\TAVO\\PPC") ? L"\\\\?\\C:\\windows" : real;
+                   path[shown.copy(path, size - 1)] = L'\0';
+                   return static_cast<DWORD>(shown.size());
                });
     EXPECT_EQ(PostInstall(), 0U);
     EXPECT_THAT(written, IsEmpty());
