@@ -8,6 +8,7 @@ import pathlib
 import re
 import subprocess
 import sys
+import tempfile
 import textwrap
 import time
 
@@ -23,14 +24,17 @@ class DemoFailure(Exception):
 
 def wine(*command):
     """The output and exit code of a Windows program."""
-    try:
-        done = subprocess.run(["wine", *command], capture_output=True, stdin=subprocess.DEVNULL, timeout=TIMEOUT,
-                              check=False)
-    except FileNotFoundError as error:
-        raise DemoFailure("Wine is not installed; run 'make setup'") from error
-    except subprocess.TimeoutExpired as error:
-        raise DemoFailure(f"timed out after {TIMEOUT} s: {' '.join(command)}") from error
-    return done.stdout.decode("utf-8", "replace").replace("\r", ""), done.returncode
+    # To a file, not a pipe: Wine's services inherit a pipe and hold it open long after the program.
+    with tempfile.TemporaryFile() as output:
+        try:
+            done = subprocess.run(["wine", *command], stdout=output, stderr=subprocess.DEVNULL,
+                                  stdin=subprocess.DEVNULL, timeout=TIMEOUT, check=False)
+        except FileNotFoundError as error:
+            raise DemoFailure("Wine is not installed; run 'make setup'") from error
+        except subprocess.TimeoutExpired as error:
+            raise DemoFailure(f"timed out after {TIMEOUT} s: {' '.join(command)}") from error
+        output.seek(0)
+        return output.read().decode("utf-8", "replace").replace("\r", ""), done.returncode
 
 
 class Machine:

@@ -17,5 +17,7 @@ trap 'exit 130' INT TERM HUP
 [ -f build/release/wine-template/.complete ] || echo "Preparing a Windows machine (Wine prefix), once; this takes some seconds ..."
 tests/wine-template.sh build/release/wine-template || fail "the Wine prefix could not be made"
 corvi_new_prefix build/release/wine-template build/release/stage || fail "the Wine prefix could not be copied"
+# One server for the whole story: a Windows machine that stays up between the runs.
+wineserver -p
 mkdir -p build/demo
 python3 scripts/demo.py build/demo

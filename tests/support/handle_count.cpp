@@ -16,7 +16,7 @@ std::vector<std::byte> ReadProcessList() {
     using Query = NTSTATUS(WINAPI*)(SYSTEM_INFORMATION_CLASS, PVOID, ULONG, PULONG);
     const auto query = reinterpret_cast<Query>(
         reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll"), "NtQuerySystemInformation")));
-    std::vector<std::byte> list(64 * 1024);
+    std::vector<std::byte> list(size_t{64} * 1024);
     for (;;) {
         ULONG needed = 0;
         const NTSTATUS status =
