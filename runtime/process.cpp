@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cwchar>
 #include <iterator>
+#include <optional>
 #include <vector>
 
 #include "runtime/installer_log.h"
@@ -71,9 +72,10 @@ void StopInheritance(const KernelHandle& handle) {
     SetHandleInformation(handle.Get(), HANDLE_FLAG_INHERIT, 0);
 }
 
-// Starts a command line without a window. ERROR_SUCCESS, or the platform error of a failed start.
-DWORD StartHidden(wchar_t* commandLine, const wchar_t* workingDirectory, bool inheritHandles,
-                  STARTUPINFOW& startup, Child& child) {
+// Starts a command line without a window. Nothing when it was started, else the platform error, which may
+// be 0: a failed start need not set one.
+std::optional<DWORD> StartHidden(wchar_t* commandLine, const wchar_t* workingDirectory, bool inheritHandles,
+                                 STARTUPINFOW& startup, Child& child) {
     startup.cb = sizeof(startup);
     PROCESS_INFORMATION started{};
     if (CreateProcessW(nullptr, commandLine, nullptr, nullptr, inheritHandles ? TRUE : FALSE,
@@ -83,13 +85,13 @@ DWORD StartHidden(wchar_t* commandLine, const wchar_t* workingDirectory, bool in
     }
     child.process.Reset(started.hProcess);
     child.thread.Reset(started.hThread);
-    return ERROR_SUCCESS;
+    return std::nullopt;
 }
 
 // Starts the command in the command interpreter with its output going to the pipe. Failures of the pipe
 // are not failures of the start: the command then runs without its output being seen.
-DWORD StartInterpreter(const std::wstring& command, const wchar_t* workingDirectory, Pipe& output,
-                       Child& child) {
+std::optional<DWORD> StartInterpreter(const std::wstring& command, const wchar_t* workingDirectory,
+                                      Pipe& output, Child& child) {
     SECURITY_ATTRIBUTES inheritable{sizeof(inheritable), nullptr, TRUE};
     // The second pipe is never connected; it only has to be there while the child starts.
     Pipe unused;
@@ -163,9 +165,9 @@ const wchar_t* ShellFailureText(HINSTANCE instance) {
 int RunCommandline(const std::wstring& command, const wchar_t* workingDirectory, MSIHANDLE session) {
     Pipe output;
     Child child;
-    const DWORD error = StartInterpreter(command, workingDirectory, output, child);
-    if (error != ERROR_SUCCESS) {
-        return static_cast<int>(error);
+    const auto error = StartInterpreter(command, workingDirectory, output, child);
+    if (error) {
+        return static_cast<int>(*error);
     }
     DWORD exitCode = 0;
     std::string collected;
@@ -183,10 +185,10 @@ std::wstring LaunchFailureText(const std::wstring& commandLine, DWORD error) {
 bool RunProcessAndWait(wchar_t* commandLine, const std::wstring& workingDirectory, bool wait) {
     STARTUPINFOW startup{};
     Child child;
-    const DWORD error = StartHidden(commandLine, workingDirectory.c_str(), false, startup, child);
-    if (error != ERROR_SUCCESS) {
+    const auto error = StartHidden(commandLine, workingDirectory.c_str(), false, startup, child);
+    if (error) {
         // For whoever looks at the stopped process; it has never been written anywhere.
-        [[maybe_unused]] const std::wstring text = LaunchFailureText(commandLine, error);
+        [[maybe_unused]] const std::wstring text = LaunchFailureText(commandLine, *error);
         return false;
     }
     if (wait) {

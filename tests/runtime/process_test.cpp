@@ -313,6 +313,12 @@ TEST_F(RunCommandlineTest, AnyOtherErrorOfTheStartIsReturnedAndNothingLogged) {
     EXPECT_THAT(Log(), IsEmpty());
 }
 
+TEST_F(RunCommandlineTest, AFailedStartThatSetsNoErrorIsNoStartEither) {
+    RefuseStarts(ERROR_SUCCESS);
+    EXPECT_EQ(Run(L"x"), 0);
+    EXPECT_THAT(Log(), IsEmpty());
+}
+
 TEST_F(RunCommandlineTest, AVeryLongCommandIsPassedWhole) {
     RefuseStarts(ERROR_FILENAME_EXCED_RANGE);
     const std::wstring command(40000, L'x');
@@ -583,6 +589,11 @@ TEST_F(RunProcessAndWaitTest, IsFalseWhenTheProgramCannotBeStarted) {
     EXPECT_FALSE(RunAndWait(L"C:\\no such program.exe"));
     EXPECT_FALSE(RunAndWait(kChild, L"C:\\no such folder"));
     EXPECT_FALSE(RunAndWait(L""));
+}
+
+TEST_F(RunProcessAndWaitTest, IsFalseEvenWhenAFailedStartSetsNoError) {
+    RefuseStarts(ERROR_SUCCESS);
+    EXPECT_FALSE(RunAndWait(L"x"));
 }
 
 TEST_F(RunProcessAndWaitTest, AFailedStartIsNeitherLoggedNorPrinted) {
