@@ -94,7 +94,12 @@ DWORD RemoveEntry(const std::wstring& path, DWORD attributes) {
     }
     const BOOL removed = (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 ? RemoveDirectoryW(path.c_str())
                                                                       : DeleteFileW(path.c_str());
-    return removed != FALSE ? ERROR_SUCCESS : GetLastError();
+    if (removed != FALSE) {
+        return ERROR_SUCCESS;
+    }
+    // A refusal without a code is a refusal all the same.
+    const DWORD error = GetLastError();
+    return error != ERROR_SUCCESS ? error : ERROR_ACCESS_DENIED;
 }
 
 // The outcome of removing a tree, entry by entry.

@@ -28,7 +28,9 @@ HRESULT FileStream::Open(const std::wstring& path, DWORD access, DWORD creation,
     FileHandle file(CreateFileW(path.c_str(), access, FILE_SHARE_READ, nullptr, creation,
                                 FILE_ATTRIBUTE_NORMAL, nullptr));
     if (!file) {
-        return LastErrorAsResult();
+        // A file that is not open is a failure even when no error code says so.
+        const HRESULT result = LastErrorAsResult();
+        return FAILED(result) ? result : E_FAIL;
     }
     *stream.ReleaseAndGetAddressOf() = new FileStream(std::move(file));
     return S_OK;

@@ -343,6 +343,14 @@ TEST_F(DeleteFolderTest, TheFallbackClearsTheReadOnlyBitOfEveryEntryBeforeItRemo
     EXPECT_FALSE(std::any_of(set.begin(), set.end(), [](const auto& call) { return call.second; }));
 }
 
+TEST_F(DeleteFolderTest, ARefusalWithoutAnErrorCodeIsARefusalAllTheSame) {
+    tree_.File(L"a\\file.txt");
+    RefuseFile(L"file.txt", ERROR_SUCCESS);
+    RecordScheduled();
+    DeleteFolder(tree_.Path(L"a"));
+    EXPECT_THAT(scheduled_, ElementsAre(tree_.Path(L"a\\file.txt"), tree_.Path(L"a")));
+}
+
 TEST_F(DeleteFolderTest, WhatTheFallbackCannotMakeWritableIsScheduledWithoutAnAttempt) {
     tree_.File(L"a\\file.txt");
     int attempts = 0;

@@ -238,5 +238,16 @@ TEST_F(FileStreamTest, AFileThatCannotBeOpenedGivesThePlatformErrorAndNoStream) 
     EXPECT_FALSE(stream);
 }
 
+TEST_F(FileStreamTest, AFileThatIsNotOpenedIsAFailureEvenWithoutAnErrorCode) {
+    ImportHooks hooks(GetModuleHandleW(nullptr));
+    CORVI_HOOK(hooks, CreateFileW, [](LPCWSTR, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD, HANDLE) {
+        SetLastError(ERROR_SUCCESS);
+        return INVALID_HANDLE_VALUE;
+    });
+    ComPtr<IStream> stream;
+    EXPECT_EQ(FileStream::Open(kMissing, GENERIC_READ, OPEN_EXISTING, stream), E_FAIL);
+    EXPECT_FALSE(stream);
+}
+
 }  // namespace
 }  // namespace corvi::test
