@@ -182,7 +182,7 @@ bool IsEventSourceAvailable() {
     return true;
 }
 
-/// A new GUID as "XXXXXXXX-XXXX-...", without braces; empty when none can be had.
+/// A new GUID in registry form without its braces ("01234567-89AB-..."); empty when none can be had.
 std::wstring NewGuidText() {
     GUID guid = {};
     wchar_t text[39] = {};
