@@ -2,6 +2,9 @@
 .PHONY: help setup build debug demo test check bench clean
 .DEFAULT_GOAL := help
 
+# The sources stay clean: no compiled scripts beside them.
+export PYTHONDONTWRITEBYTECODE := 1
+
 JOBS := $(shell nproc 2>/dev/null || echo 2)
 
 help: ## list the targets

@@ -4,6 +4,9 @@
 set -u
 cd "$(dirname "$0")/.." || exit 1
 
+# The sources stay clean: no compiled scripts beside them.
+export PYTHONDONTWRITEBYTECODE=1
+
 failed=0
 step() {
   name=$1

@@ -19,5 +19,6 @@ tests/wine-template.sh build/release/wine-template || fail "the Wine prefix coul
 corvi_new_prefix build/release/wine-template build/release/stage || fail "the Wine prefix could not be copied"
 # One server for the whole story: a Windows machine that stays up between the runs.
 wineserver -p
+corvi_wait_for_services || fail "Wine does not start"
 mkdir -p build/demo
-python3 scripts/demo.py build/demo
+python3 -B scripts/demo.py build/demo

@@ -2,7 +2,11 @@
 # is gone afterwards.
 #   corvi_new_prefix TEMPLATE [STAGE]   makes one below TEMPLATE's folder, exports WINEPREFIX and what
 #                                       Wine needs; STAGE's files are copied to C:\corvi
+#   corvi_wait_for_services             waits until its service manager answers
 #   corvi_drop_prefix                   ends its programs and removes it
+
+# Wine names files by the locale's character set: without this a bare machine has no names outside ASCII.
+export LC_ALL=C.UTF-8
 
 corvi_new_prefix() {
   template=$1
@@ -23,6 +27,15 @@ corvi_new_prefix() {
   ln -s ../drive_c "$WINEPREFIX/dosdevices/c:"
   mkdir "$WINEPREFIX/drive_c/corvi"
   [ -z "${2:-}" ] || cp -R "$2/." "$WINEPREFIX/drive_c/corvi/"
+}
+
+corvi_wait_for_services() {
+  for _ in $(seq 120); do
+    (cd / && timeout -k 5 60 wine net start >/dev/null 2>&1 </dev/null) && return 0
+    sleep 0.5
+  done
+  echo "the prefix's service manager does not answer after 60 s and more" >&2
+  return 1
 }
 
 corvi_drop_prefix() {

@@ -15,7 +15,8 @@ flock 9
 
 rm -rf "$template"
 mkdir -p "$template"
-export WINEPREFIX="$template" WINEARCH=win64 WINEDEBUG=-all
+# The names that the template gets are written by the locale's character set.
+export WINEPREFIX="$template" WINEARCH=win64 WINEDEBUG=-all LC_ALL=C.UTF-8
 export WINEDLLOVERRIDES='mscoree,mshtml=;winedbg.exe=d'
 unset DISPLAY || true
 

@@ -7,6 +7,7 @@
 #include "tests/support/import_hooks.h"
 #include "tests/support/installer_session.h"
 #include "tests/support/library.h"
+#include "tests/support/running_program.h"
 
 namespace corvi::test {
 namespace {
@@ -83,34 +84,6 @@ TEST_F(LaunchGuardTest, APropertyThatCannotBeReadCountsAsNotAvailable) {
     EXPECT_EQ(library_.Call("BlockLaunch", session_.Handle()), kInstallFailure);
     ExpectBlockMessage();
 }
-
-/// A process of a given image name that runs while this object lives.
-class RunningProgram {
-public:
-    explicit RunningProgram(const std::wstring& imageName) : path_(L"C:\\corvi\\" + imageName) {
-        CopyFileW(L"C:\\corvi\\sleeper.exe", path_.c_str(), FALSE);
-        STARTUPINFOW startup = {};
-        startup.cb = sizeof(startup);
-        std::wstring commandLine = path_;
-        if (CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, FALSE, CREATE_NO_WINDOW, nullptr,
-                           nullptr, &startup, &process_) == FALSE) {
-            ADD_FAILURE() << "cannot start the program: " << GetLastError();
-        }
-    }
-    ~RunningProgram() {
-        TerminateProcess(process_.hProcess, 0);
-        WaitForSingleObject(process_.hProcess, INFINITE);
-        CloseHandle(process_.hProcess);
-        CloseHandle(process_.hThread);
-        DeleteFileW(path_.c_str());
-    }
-    RunningProgram(const RunningProgram&) = delete;
-    RunningProgram& operator=(const RunningProgram&) = delete;
-
-private:
-    std::wstring path_;
-    PROCESS_INFORMATION process_ = {};
-};
 
 class InstallManagerImages : public LaunchGuardTest, public testing::WithParamInterface<const wchar_t*> {};
 

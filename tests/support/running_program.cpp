@@ -1,0 +1,50 @@
+#include "tests/support/running_program.h"
+
+#include <filesystem>
+#include <stdexcept>
+
+namespace corvi::test {
+namespace {
+
+constexpr wchar_t kSleeper[] = L"C:\\corvi\\sleeper.exe";
+const std::wstring kFolder = L"C:\\corvi\\running\\";
+constexpr DWORD kLimitMilliseconds = 30000;
+
+}  // namespace
+
+RunningProgram::RunningProgram(const std::wstring& imageName) {
+    std::filesystem::create_directories(kFolder);
+    const std::wstring path = kFolder + imageName;
+    CopyFileW(kSleeper, path.c_str(), TRUE);
+    STARTUPINFOW startup = {};
+    startup.cb = sizeof(startup);
+    std::wstring commandLine = L"\"" + path + L"\"";
+    if (CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, FALSE, CREATE_NO_WINDOW, nullptr,
+                       nullptr, &startup, &process_) == FALSE) {
+        throw std::runtime_error("cannot start the sleeping program: " + std::to_string(GetLastError()));
+    }
+    CloseHandle(process_.hThread);
+    const std::wstring name = L"corvi_sleeper_" + std::to_wstring(process_.dwProcessId);
+    const HANDLE up = CreateEventW(nullptr, TRUE, FALSE, name.c_str());
+    const bool inTime = WaitForSingleObject(up, kLimitMilliseconds) == WAIT_OBJECT_0;
+    CloseHandle(up);
+    if (!inTime) {
+        TerminateProcess(process_.hProcess, 0);
+        CloseHandle(process_.hProcess);
+        throw std::runtime_error("the sleeping program is not up after 30 s");
+    }
+}
+
+RunningProgram::~RunningProgram() {
+    TerminateProcess(process_.hProcess, 0);
+    WaitForSingleObject(process_.hProcess, kLimitMilliseconds);
+    CloseHandle(process_.hProcess);
+}
+
+bool RunningProgram::Runs() const { return WaitForSingleObject(process_.hProcess, 0) == WAIT_TIMEOUT; }
+
+bool RunningProgram::Ends() const {
+    return WaitForSingleObject(process_.hProcess, kLimitMilliseconds) == WAIT_OBJECT_0;
+}
+
+}  // namespace corvi::test

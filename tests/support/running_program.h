@@ -1,0 +1,29 @@
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+
+namespace corvi::test {
+
+/// The program that sleeps, running under a name of the test's choice while this object lives. It is up when
+/// the constructor returns: the platform's process lists name it.
+class RunningProgram {
+public:
+    /// imageName: as the process lists shall show it ("TAVOLSServ.exe"). Throws when it is not up in time.
+    explicit RunningProgram(const std::wstring& imageName);
+    ~RunningProgram();
+    RunningProgram(const RunningProgram&) = delete;
+    RunningProgram& operator=(const RunningProgram&) = delete;
+
+    /// True when it runs now.
+    bool Runs() const;
+    /// True when it has ended, or ends within 30 seconds: a process that was told to end needs its time for
+    /// it on a loaded machine.
+    bool Ends() const;
+
+private:
+    PROCESS_INFORMATION process_ = {};
+};
+
+}  // namespace corvi::test
