@@ -3,10 +3,11 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <functional>
-#include <string>
 #include <utility>
-#include <vector>
+
+#include "tool/interception.h"
 
 namespace corvi::test {
 
@@ -28,46 +29,18 @@ struct HookTarget<Name, Result(Arguments...)> {
     static Result WINAPI Entry(Arguments... arguments) { return body(arguments...); }
 };
 
-/// Replaces entries of a loaded module's import table, and puts them back when it goes out of scope.
-/// The module's own calls go to the replacement; calls from elsewhere (the replacement itself, when the
-/// module is a DLL) still reach the platform.
-class ImportHooks {
+/// Imports of a loaded module (tool/interception.h) replaced by callables of the test.
+class ImportHooks : public tool::Interception {
 public:
-    /// module: a loaded DLL, or GetModuleHandleW(nullptr) for the running test program.
-    explicit ImportHooks(HMODULE module) : module_(module) {}
-    ~ImportHooks() { RestoreAll(); }
-    ImportHooks(const ImportHooks&) = delete;
-    ImportHooks& operator=(const ImportHooks&) = delete;
+    using tool::Interception::Interception;
 
     /// Replaces one imported function by a callable; throws std::runtime_error when the module does not
     /// import it. Use the macro CORVI_HOOK. Replacing it again puts a new callable in place.
     template <FunctionName Name, typename Signature, typename Body>
     void Replace(Body&& body) {
         HookTarget<Name, Signature>::body = std::forward<Body>(body);
-        ReplaceEntry(Name.text, reinterpret_cast<void*>(&HookTarget<Name, Signature>::Entry));
+        Interception::Replace(Name.text, reinterpret_cast<void*>(&HookTarget<Name, Signature>::Entry));
     }
-
-    /// What the entry held before it was replaced: the platform's function. For hooks of the test
-    /// program itself, whose own calls are replaced too.
-    void* Original(const char* function) const;
-
-    /// True when the module imports a function of that name.
-    bool Imports(const char* function) const;
-
-    void RestoreAll();
-
-private:
-    void ReplaceEntry(const char* function, void* replacement);
-    void** FindEntry(const char* function) const;
-
-    struct Patch {
-        std::string function;
-        void** entry;
-        void* original;
-    };
-
-    HMODULE module_;
-    std::vector<Patch> patches_;
 };
 
 /// CORVI_HOOK(hooks, CreateProcessW, [&](LPCWSTR application, ...) -> BOOL { ... });

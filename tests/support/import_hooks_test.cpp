@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstring>
 #include <stdexcept>
 
 #include "tests/support/library.h"
@@ -73,6 +75,22 @@ TEST(ImportHooks, AFunctionThatIsNotImportedIsAnError) {
     const auto replaceAbsent = [&] { CORVI_HOOK(hooks, ExitWindowsEx, [](UINT, DWORD) { return FALSE; }); };
     EXPECT_THROW(replaceAbsent(), std::runtime_error);
     EXPECT_THROW(hooks.Original("RegDeleteTreeW"), std::runtime_error);
+}
+
+TEST(ImportHooks, TheListOfImportsNamesLibraryFunctionAndWhereTheAddressStands) {
+    const Library library;
+    const auto imports = tool::ListImports(library.Module());
+    const auto found = std::find_if(imports.begin(), imports.end(), [](const tool::Import& import) {
+        return import.function == "RegDeleteTreeW";
+    });
+    ASSERT_NE(found, imports.end());
+    EXPECT_EQ(_stricmp(found->library.c_str(), "advapi32.dll"), 0);
+    ImportHooks hooks(library.Module());
+    CORVI_HOOK(hooks, RegDeleteTreeW, [](HKEY, LPCWSTR) -> LSTATUS { return ERROR_SUCCESS; });
+    EXPECT_NE(*found->entry, hooks.Original("RegDeleteTreeW"));
+    hooks.RestoreAll();
+    EXPECT_EQ(*found->entry,
+              reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"advapi32"), "RegDeleteTreeW")));
 }
 
 }  // namespace
