@@ -16,8 +16,8 @@ setup: ## install the Debian packages that are missing (as root or through sudo)
 build/release/CMakeCache.txt: | setup
 	@cmake --preset release >/dev/null
 
-build: setup build/release/CMakeCache.txt ## the release build: build/Corvi_CA.dll, its symbols beside it
-	@cmake --build --preset release --target Corvi_CA -j $(JOBS)
+build: setup build/release/CMakeCache.txt ## the release build: build/Corvi_CA.dll and corvi.exe, their symbols beside them
+	@cmake --build --preset release --target Corvi_CA corvi -j $(JOBS)
 
 debug: setup ## a build for the debugger: build/debug/Corvi_CA.dll
 	@cmake --preset debug >/dev/null

@@ -22,7 +22,7 @@ step() {
 sources() {
   git ls-files -c -o --exclude-standard -- "$@" | grep -E '\.(cpp|h)$' | grep -v '\.in$'
 }
-product_folders="runtime services msiregistry tasks components actions"
+product_folders="runtime services msiregistry tasks components actions tool"
 
 format() {
   sources . | tr '\n' '\0' | xargs -0 clang-format --dry-run -Werror || {

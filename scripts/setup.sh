@@ -7,6 +7,7 @@ packages="
 cmake ninja-build ccache python3
 g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64
 googletest
+libcli11-dev nlohmann-json3-dev
 wine wine64
 wixl msitools
 clang-format clang-tidy cppcheck gcovr

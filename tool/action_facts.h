@@ -1,0 +1,133 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace corvi::tool {
+
+// What is known about each exported action. Every verb, the include for package authors and the lists
+// test speak from this one table. All texts are UTF-8, sentences without a line break.
+
+/// When the installer runs the action: while it reads the sequence, or later from its script.
+enum class Execution { Immediate, Deferred };
+
+/// What the installer does with a result that is not 0: the include's Return attribute.
+enum class Return { Check, Ignore };
+
+/// What a result says about the action's work, whatever number stands for it.
+enum class Outcome {
+    Done,     ///< the work was done, or there was nothing to do
+    Nothing,  ///< the action found nothing to work on; no failure
+    Skip,     ///< 259: skip the rest of the sequence, successfully
+    Refused,  ///< the action says no on purpose: the install must not go on
+    Failed,   ///< the work could not be done
+};
+
+/// One result that the action can return.
+struct Result {
+    /// The number as the installer shows it; not set: any other number.
+    std::optional<std::uint32_t> code = {};
+    Outcome outcome = Outcome::Done;
+    std::string meaning = {};
+};
+
+/// One "Key=value" entry of the action data.
+struct DataKey {
+    std::string name = {};  ///< with its equals sign: "ClientName="
+    bool optional = false;  ///< may be left out altogether
+    bool mayBeEmpty = false;
+    std::string example = {};  ///< a value as a package writes it, properties in brackets
+    std::string meaning = {};
+    std::string misuse = {};  ///< what happens when it is missing, misspelt or misplaced
+};
+
+/// The action data that an action reads: entries in the order in which they must stand, or one whole text.
+struct ActionData {
+    std::vector<DataKey> keys = {};
+    /// The whole text is one value (a folder): what it means; empty when the action reads keys or nothing.
+    std::string whole = {};
+    std::string wholeExample = {};
+    /// The action works without any action data.
+    bool optional = false;
+    bool Any() const { return !keys.empty() || !whole.empty(); }
+};
+
+/// A registry value (or key, when the value's name is empty) that the action reads.
+struct RegistryRead {
+    std::string root = {};  ///< "HKLM" or "HKCU"
+    std::string key = {};
+    std::string value = {};
+    bool view32 = false;
+    /// Its absence lets a registry error out of the action: the package needs a guard.
+    bool absenceLetsErrorOut = false;
+    std::string meaning = {};
+};
+
+/// A registry search and the condition on its property that keep an action from running without its key.
+struct Guard {
+    std::string property = {};
+    std::string root = {};  ///< "HKLM" or "HKCU"
+    std::string key = {};
+    std::string value = {};
+    bool view32 = false;
+    /// Why the search asks for just this value.
+    std::string reason = {};
+};
+
+/// What the action deletes; nothing when `what` is empty.
+struct Deletion {
+    std::string what = {};
+    bool notOnRepair = false;   ///< a repair must not run it: what it deletes is not brought back
+    bool notOnUpgrade = false;  ///< a major upgrade must not run it: the newer version needs it
+};
+
+/// One text that the action writes to the installer's log, %s and %d where text and numbers stand.
+struct LogText {
+    std::string text = {};
+    std::string meaning = {};
+    /// What a reader would take it for by mistake: another action's prefix, another service's name.
+    std::string trap = {};
+};
+
+struct ActionFacts {
+    std::string name = {};
+    std::string room = {};     ///< the heading under which include and reference have it
+    std::string purpose = {};  ///< one line
+    Execution execution = Execution::Deferred;
+    bool impersonated = false;  ///< deferred: Impersonate="yes"
+    Return onResult = Return::Ignore;
+    std::string returnReason = {};  ///< why that attribute
+    std::string schedule = {};      ///< where in the sequence it belongs, and why
+    std::string condition = {};     ///< the recommended condition, as a package writes it
+    ActionData data = {};
+    std::vector<std::string> properties = {};  ///< session properties that it reads
+    std::vector<RegistryRead> reads = {};
+    std::optional<Guard> guard = {};
+    std::string changes = {};
+    Deletion deletes = {};
+    bool needsElevation = true;
+    std::string takenBackBy = {};    ///< the action that takes its change back on an uninstall; may be empty
+    std::string takenBackNote = {};  ///< what takes the change back where no action does
+    std::string rollback = {};       ///< the action that a package schedules before it as its rollback
+    std::vector<Result> results = {};
+    std::vector<LogText> log = {};
+    std::string onFailure = {};  ///< what to look at next when it failed
+};
+
+/// All actions, in the order of the include.
+const std::vector<ActionFacts>& AllActions();
+
+/// The action of that name in just this spelling, or null.
+const ActionFacts* FindAction(std::string_view name);
+
+/// The action whose name equals this one without regard to case, or the one whose name is nearest to it
+/// (for "did you mean"), or null when none is near.
+const ActionFacts* NearestAction(std::string_view name);
+
+/// What a result of the action means: its own row, else the row for any other number, else null.
+const Result* ResultMeaning(const ActionFacts& action, std::uint32_t code);
+
+}  // namespace corvi::tool
