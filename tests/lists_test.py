@@ -19,6 +19,15 @@ def exports():
     return {line for line in lines[lines.index("EXPORTS") + 1:] if line and not line.startswith(";")}
 
 
+def entries():
+    """(action, text) of each entry of the reference."""
+    return re.findall(r"^### `(\w+)`\n(.*?)(?=^##|\Z)", read("docs", "actions.md"), re.MULTILINE | re.DOTALL)
+
+
+def bullet(entry, label):
+    return re.search(rf"^- \*\*{label}:\*\* (.*?)(?=^- \*\*|\Z)", entry, re.MULTILINE | re.DOTALL)[1].strip()
+
+
 class Lists(unittest.TestCase):
     def setUp(self):
         self.exports = exports()
@@ -52,16 +61,46 @@ class Lists(unittest.TestCase):
                     self.assertEqual(conditions[action], conditions[name], package.name)
 
     def test_every_export_has_an_entry_in_the_reference_and_every_entry_an_export(self):
-        entries = re.findall(r"^### `(\w+)`$", read("docs", "actions.md"), re.MULTILINE)
-        self.assertEqual(len(entries), len(set(entries)))
-        self.assertEqual(self.exports, set(entries))
+        named = [action for action, _ in entries()]
+        self.assertEqual(len(named), len(set(named)))
+        self.assertEqual(self.exports, set(named))
 
     def test_the_entries_of_the_reference_have_one_shape(self):
-        parts = ["Purpose", "Schedule", "Reads", "Changes", "Logs", "Returns", "What can go wrong"]
-        text = read("docs", "actions.md")
-        for match in re.finditer(r"^### `(\w+)`\n(.*?)(?=^##|\Z)", text, re.MULTILINE | re.DOTALL):
-            self.assertEqual(parts, re.findall(r"^- \*\*(.+?):\*\* \S", match.group(2), re.MULTILINE),
-                             match.group(1))
+        parts = ["Purpose", "Parameters", "Schedule", "Reads", "Changes", "Taken back by", "Logs", "Returns",
+                 "What can go wrong"]
+        for action, entry in entries():
+            self.assertEqual(parts, re.findall(r"^- \*\*(.+?):\*\* \S", entry, re.MULTILINE), action)
+
+    def test_returns_are_codes_with_their_meaning(self):
+        for action, entry in entries():
+            returns = " ".join(bullet(entry, "Returns").split())
+            self.assertTrue(returns.endswith("."), action)
+            codes = []
+            for piece in returns[:-1].split("; "):
+                match = re.fullmatch(r"(\d+|0x[0-9A-F]{8}) (?:always|when|while)\b[^;]*", piece)
+                self.assertTrue(match, f"{action}: {piece}")
+                codes.append(match[1])
+            self.assertEqual(len(codes), len(set(codes)), action)
+
+    def test_the_reference_names_the_actions_that_let_a_registry_error_out(self):
+        sources = "\n".join(path.read_text(encoding="utf-8") for folder in
+                            ("services", "msiregistry", "tasks", "components", "actions")
+                            for path in ROOT.glob(f"{folder}/*.cpp"))
+        exported = re.findall(r"^UINT __stdcall (\w+)\(MSIHANDLE[^)]*\) \{\n(.*?)^\}",
+                              sources.replace('extern "C" UINT', "UINT"), re.MULTILINE | re.DOTALL)
+        self.assertEqual(self.exports, {action for action, _ in exported})
+        self.assertEqual({action for action, body in exported if "LetRegistryErrorThrough" in body},
+                         {action for action, entry in entries()
+                          if "lets a registry error out" in " ".join(bullet(entry, "What can go wrong").split())})
+
+    def test_the_index_of_the_reference_names_every_action(self):
+        index = read("docs", "actions.md").split("## I want to ...")[1].split("\n## ")[0]
+        self.assertEqual(self.exports, set(re.findall(r"`(\w+)`", index)))
+
+    def test_what_takes_an_action_back_is_an_action(self):
+        for action, entry in entries():
+            named = re.findall(r"`([A-Z][A-Za-z_]+)`", bullet(entry, "Taken back by"))
+            self.assertEqual(set(), set(named) - self.exports, action)
 
     def test_every_export_is_called_by_a_test_through_the_dll(self):
         tests = "\n".join(path.read_text(encoding="utf-8") for path in ROOT.glob("tests/**/*_test.cpp"))
