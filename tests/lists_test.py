@@ -102,6 +102,17 @@ class Lists(unittest.TestCase):
             named = re.findall(r"`([A-Z][A-Za-z_]+)`", bullet(entry, "Taken back by"))
             self.assertEqual(set(), set(named) - self.exports, action)
 
+    def test_the_examples_of_the_reference_and_the_readme_are_those_that_the_tests_install(self):
+        sources = "\n".join(path.read_text(encoding="utf-8") for folder in ("package", "tests/fixtures")
+                            for path in ROOT.glob(f"{folder}/*.wxs"))
+        installed = {line.strip() for line in sources.splitlines()}
+        for document in ("docs/actions.md", "README.md"):
+            examples = re.findall(r"^ *```xml\n(.*?)^ *```$", read(*document.split("/")), re.MULTILINE | re.DOTALL)
+            self.assertTrue(examples, document)
+            for example in examples:
+                lines = {line.strip() for line in re.sub("<!--.*?-->", "", example).splitlines()} - {""}
+                self.assertEqual(set(), lines - installed, document)
+
     def test_every_export_is_called_by_a_test_through_the_dll(self):
         tests = "\n".join(path.read_text(encoding="utf-8") for path in ROOT.glob("tests/**/*_test.cpp"))
         self.assertEqual(set(), {name for name in self.exports if f'"{name}"' not in tests})
