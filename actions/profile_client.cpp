@@ -80,12 +80,6 @@ constexpr const wchar_t* kTreesOf32BitView[] = {
     L"SYSTEM\\CurrentControlSet\\Services\\tavofendr\\State\\DU",
     L"SYSTEM\\CurrentControlSet\\Services\\tavofendr\\State\\TUEP"};
 
-std::wstring KnownFolder(int csidl) {
-    std::wstring path;
-    GetKnownFolderPath(csidl, path);
-    return path;
-}
-
 std::wstring PpcFolder(int programFilesCsidl) {
     return FormatBounded(kFolderCapacity, kPpcFolderFormat, KnownFolder(programFilesCsidl).c_str());
 }

@@ -37,14 +37,22 @@ int GetKnownFolderPath(int csidl, std::wstring& path) {
     return result;
 }
 
-std::wstring GetWindowsDriveRoot() {
+std::wstring KnownFolder(int csidl) {
+    std::wstring path;
+    GetKnownFolderPath(csidl, path);
+    return path;
+}
+
+std::wstring GetWindowsFolder() {
     wchar_t directory[MAX_PATH] = {};
-    if (GetWindowsDirectoryW(directory, MAX_PATH) == 0) {
-        return {};
-    }
-    const std::wstring text = directory;
-    const size_t separator = text.find(L'\\');
-    return separator == std::wstring::npos ? text : text.substr(0, separator + 1);
+    const UINT length = GetWindowsDirectoryW(directory, MAX_PATH);
+    return length == 0 || length >= MAX_PATH ? std::wstring() : std::wstring(directory);
+}
+
+std::wstring GetWindowsDriveRoot() {
+    const std::wstring directory = GetWindowsFolder();
+    const size_t separator = directory.find(L'\\');
+    return separator == std::wstring::npos ? directory : directory.substr(0, separator + 1);
 }
 
 std::wstring GetTemporaryDirectory() {

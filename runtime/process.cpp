@@ -25,8 +25,8 @@ constexpr ULONG kWaitableLaunchMask =
 constexpr wchar_t kTaskTool[] = L"schtasks";
 constexpr wchar_t kKillTool[] = L"TaskKill.exe";
 
-// The kill tool's command line, terminator included.
-constexpr size_t kKillCommandCapacity = 519;
+// The buffer for the command lines of tools, in characters, terminator included.
+constexpr size_t kCommandCapacity = 519;
 
 // What the C runtime ends a process with when an argument is invalid and nobody handles it.
 constexpr UINT kInvalidRuntimeParameter = 0xC0000417;
@@ -152,6 +152,8 @@ bool CollectUntilExit(const Child& child, const Pipe& pipe, DWORD& exitCode, std
     return true;
 }
 
+std::wstring KillToolIn(const std::wstring& systemFolder) { return systemFolder + L"\\" + kKillTool; }
+
 const wchar_t* ShellFailureText(HINSTANCE instance) {
     const auto value = reinterpret_cast<INT_PTR>(instance);
     const auto* const failure =
@@ -197,6 +199,16 @@ bool RunProcessAndWait(wchar_t* commandLine, const std::wstring& workingDirector
     return true;
 }
 
+bool RunFromCommandBuffer(const std::wstring& command, const std::wstring& workingDirectory, bool wait) {
+    wchar_t buffer[kCommandCapacity] = {};
+    if (wcsncpy_s(buffer, kCommandCapacity, command.c_str(), kCommandCapacity) != 0) {
+        // Not every C runtime ends the process by itself over a text that does not fit.
+        TerminateProcess(GetCurrentProcess(), kInvalidRuntimeParameter);
+        return false;
+    }
+    return RunProcessAndWait(buffer, workingDirectory, wait);
+}
+
 int ShellExecuteAndWait(const std::wstring& file, const std::wstring& parameters, DWORD timeoutMilliseconds) {
     SHELLEXECUTEINFOW information{};
     information.cbSize = sizeof(information);
@@ -235,18 +247,12 @@ bool LaunchApplication(const wchar_t* parameters) {
     return true;
 }
 
+std::wstring KillToolPath() { return KillToolIn(KnownFolder(CSIDL_SYSTEM)); }
+
 bool KillProcessByName(const std::wstring& imageText) {
-    std::wstring systemDirectory;
-    GetKnownFolderPath(CSIDL_SYSTEM, systemDirectory);
-    const std::wstring text = L"\"" + systemDirectory + L"\\" + kKillTool + L"\" /IM " + imageText;
-    wchar_t commandLine[kKillCommandCapacity] = {};
-    if (wcsncpy_s(commandLine, kKillCommandCapacity, text.c_str(), kKillCommandCapacity) != 0) {
-        // Not every C runtime ends the process by itself over a text that does not fit. A cut image name
-        // could end somebody else's program, so nothing is run.
-        TerminateProcess(GetCurrentProcess(), kInvalidRuntimeParameter);
-        return false;
-    }
-    return RunProcessAndWait(commandLine, systemDirectory, true);
+    const std::wstring systemFolder = KnownFolder(CSIDL_SYSTEM);
+    return RunFromCommandBuffer(L"\"" + KillToolIn(systemFolder) + L"\" /IM " + imageText, systemFolder,
+                                true);
 }
 
 void GrantUsersFullControl(const std::wstring& path, const std::wstring& owner,

@@ -25,6 +25,11 @@ bool RunProcessAndWait(wchar_t* commandLine, const std::wstring& workingDirector
 /// composes it and writes it nowhere.
 std::wstring LaunchFailureText(const std::wstring& commandLine, DWORD error);
 
+/// RunProcessAndWait over a copy of command in a buffer of 519 characters, its terminator included. A
+/// command of 519 characters or more ends the process with 0xC0000417 (invalid C runtime parameter), on
+/// every C runtime: a cut one could name another program, folder or image.
+bool RunFromCommandBuffer(const std::wstring& command, const std::wstring& workingDirectory, bool wait);
+
 /// Starts a file through the shell, hidden and without any message box, and waits at most
 /// timeoutMilliseconds. Gives the exit code, 259 when it still runs (it is not ended), or the platform
 /// error of a failed start. Stands on ShellExecuteExW.
@@ -34,9 +39,13 @@ int ShellExecuteAndWait(const std::wstring& file, const std::wstring& parameters
 /// True when it was started. The outcome is logged on launchSession, which drops it.
 bool LaunchApplication(const wchar_t* parameters);
 
-/// Runs the system's TaskKill.exe with " /IM " and the given text (an image name and the caller's own
-/// switches, "X.exe /F") and waits for it. The command line must stay below 519 characters: a longer
-/// one ends the process. True when the tool was started; its exit code is not read.
+/// The path of the system's tool that ends programs, "C:\Windows\System32\TaskKill.exe"; only
+/// "\TaskKill.exe" when the system folder is unknown.
+std::wstring KillToolPath();
+
+/// Runs the tool of KillToolPath with " /IM " and the given text (an image name and the caller's own
+/// switches, "X.exe /F") by RunFromCommandBuffer, in the system folder, and waits for it. True when the
+/// tool was started; its exit code is not read.
 bool KillProcessByName(const std::wstring& imageText);
 
 /// Makes owner the owner of path (icacls /setowner) and grants the local Users group full control of

@@ -3,15 +3,12 @@
 #include <windows.h>
 
 #include <msi.h>
-#include <shlobj.h>
 #include <shlwapi.h>
 
-#include <cwchar>
 #include <string>
 
 #include "runtime/action_policy.h"
 #include "runtime/filesystem.h"
-#include "runtime/known_paths.h"
 #include "runtime/process.h"
 #include "runtime/registry.h"
 #include "runtime/text.h"
@@ -30,22 +27,8 @@ constexpr wchar_t kRecordingServerTool[] = L"LSServCmd.exe";
 constexpr wchar_t kExitArgument[] = L"exit";
 constexpr DWORD kExitLimitMilliseconds = 30000;
 
-constexpr wchar_t kKillTool[] = L"TaskKill.exe";
 constexpr const wchar_t* kSettingsAppImages[] = {L"LumenSettings.exe", L"LumenSoftware.exe"};
 constexpr wchar_t kRecordingServerImage[] = L"TAVOLSServ.exe";
-
-// A command line's length, terminator included.
-constexpr size_t kCommandCapacity = 519;
-
-// Starts a command from its fixed buffer. currentDirectory: empty for the current one. False when it was
-// not started; one that does not fit the buffer is not.
-bool Run(const std::wstring& command, const std::wstring& currentDirectory, bool wait) {
-    wchar_t buffer[kCommandCapacity] = {};
-    if (wcsncpy_s(buffer, kCommandCapacity, command.c_str(), kCommandCapacity) != 0) {
-        return false;
-    }
-    return RunProcessAndWait(buffer, currentDirectory, wait);
-}
 
 // The key is closed again before anything is started.
 std::wstring ReadLocation(const wchar_t* keyPath, REGSAM access) {
@@ -63,17 +46,11 @@ UINT AskToExit(const wchar_t* locationKey, const wchar_t* toolName, bool (*toolE
     if (!toolExists(tool)) {
         return ERROR_INSTALL_FAILURE;
     }
-    Run(L"\"" + tool + L"\" " + kExitArgument, location, false);
+    RunFromCommandBuffer(L"\"" + tool + L"\" " + kExitArgument, location, false);
     return ERROR_SUCCESS;
 }
 
 bool ShellPathExists(const std::wstring& path) { return PathFileExistsW(path.c_str()) != FALSE; }
-
-std::wstring KillToolPath() {
-    std::wstring systemDirectory;
-    GetKnownFolderPath(CSIDL_SYSTEM, systemDirectory);
-    return systemDirectory + L"\\" + kKillTool;
-}
 
 std::wstring KillCommand(const std::wstring& toolPath, const wchar_t* imageName) {
     return L"\"" + toolPath + L"\" /IM " + imageName + L" /F";
@@ -83,7 +60,7 @@ std::wstring KillCommand(const std::wstring& toolPath, const wchar_t* imageName)
 // directory, a directory that does not exist, so that the platform refuses to start the tool.
 void KillSettingsAppImage(const std::wstring& toolPath, const wchar_t* imageName) {
     const std::wstring command = KillCommand(toolPath, imageName) + L"\"";
-    Run(command, command, true);
+    RunFromCommandBuffer(command, command, true);
 }
 
 }  // namespace
@@ -126,7 +103,7 @@ UINT __stdcall TerminateHXNextApp(MSIHANDLE /*session*/) {
 UINT __stdcall TerminateDVRApp(MSIHANDLE /*session*/) {
     return corvi::MustStop([] {
         const std::wstring command = corvi::KillCommand(corvi::KillToolPath(), corvi::kRecordingServerImage);
-        return corvi::Run(command, L"", true) ? ERROR_SUCCESS : ERROR_INSTALL_FAILURE;
+        return corvi::RunFromCommandBuffer(command, L"", true) ? ERROR_SUCCESS : ERROR_INSTALL_FAILURE;
     });
 }
 

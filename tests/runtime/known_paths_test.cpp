@@ -69,6 +69,14 @@ TEST(GetKnownFolderPath, SOkWithoutAListGivesOneAndLeavesTheText) {
     EXPECT_EQ(path, L"as before");
 }
 
+TEST(KnownFolder, GivesThePathOrAnEmptyTextWhenThePlatformCannotNameIt) {
+    EXPECT_TRUE(EqualsIgnoringCase(KnownFolder(CSIDL_SYSTEM), L"C:\\Windows\\system32"));
+    EXPECT_EQ(KnownFolder(12345), L"");
+    auto hooks = HooksOfThisProgram();
+    CORVI_HOOK(hooks, SHGetPathFromIDListW, [](PCIDLIST_ABSOLUTE, LPWSTR) -> BOOL { return FALSE; });
+    EXPECT_EQ(KnownFolder(CSIDL_SYSTEM), L"");
+}
+
 TEST(GetKnownFolderPath, AListThatHasNoPathLeavesTheTextAndIsStillFreed) {
     auto hooks = HooksOfThisProgram();
     int freed = 0;
@@ -105,6 +113,10 @@ private:
     ImportHooks hooks_{GetModuleHandleW(nullptr)};
 };
 
+TEST_F(WindowsDirectory, IsGivenWithoutATrailingBackslash) {
+    EXPECT_TRUE(EqualsIgnoringCase(GetWindowsFolder(), L"C:\\windows"));
+}
+
 TEST_F(WindowsDirectory, OfThisMachineGivesTheRootWithItsBackslash) {
     EXPECT_EQ(GetWindowsDriveRoot(), L"C:\\");
 }
@@ -122,11 +134,13 @@ TEST_F(WindowsDirectory, WithoutAnyBackslashIsReturnedWhole) {
 TEST_F(WindowsDirectory, ThatCannotBeReadGivesAnEmptyText) {
     Set(L"");
     EXPECT_EQ(GetWindowsDriveRoot(), L"");
+    EXPECT_EQ(GetWindowsFolder(), L"");
 }
 
 TEST_F(WindowsDirectory, ThatDoesNotFitGivesAnEmptyText) {
     Set(L"C:\\" + std::wstring(260, L'x'));
     EXPECT_EQ(GetWindowsDriveRoot(), L"");
+    EXPECT_EQ(GetWindowsFolder(), L"");
 }
 
 class TemporaryDirectory : public testing::Test {

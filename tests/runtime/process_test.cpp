@@ -853,6 +853,29 @@ TEST_F(KillProcessByNameTest, WithoutASystemDirectoryTheToolIsLookedForInTheRoot
     EXPECT_EQ(starts_[0].directory, std::nullopt);
 }
 
+class RunFromCommandBufferTest : public ProcessTest {};
+
+TEST_F(RunFromCommandBufferTest, ACommandOf518CharactersIsRunWholeInItsWorkingDirectory) {
+    AnswerStartsWith(0);
+    const std::wstring command(518, L'x');
+    EXPECT_TRUE(RunFromCommandBuffer(command, L"C:\\corvi", false));
+    ASSERT_THAT(starts_, SizeIs(1));
+    EXPECT_EQ(starts_[0].commandLine, command);
+    EXPECT_EQ(starts_[0].directory, L"C:\\corvi");
+}
+
+TEST_F(RunFromCommandBufferTest, ACommandOf519CharactersEndsTheProcessAndRunsNothing) {
+    AnswerStartsWith(0);
+    UINT endedWith = 0;
+    CORVI_HOOK(hooks_, TerminateProcess, [&](HANDLE, UINT exitCode) -> BOOL {
+        endedWith = exitCode;
+        return TRUE;
+    });
+    EXPECT_FALSE(RunFromCommandBuffer(std::wstring(519, L'x'), L"", true));
+    EXPECT_EQ(endedWith, 0xC0000417U);
+    EXPECT_THAT(starts_, IsEmpty());
+}
+
 TEST_F(KillProcessByNameTest, ACommandLineOf518CharactersIsRunWhole) {
     AnswerStartsWith(0);
     const std::wstring text(518 - ToolText().size(), L'x');

@@ -29,6 +29,7 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::SizeIs;
 using Lines = std::vector<std::wstring>;
 
 constexpr wchar_t kSettingsAppKey[] = L"SOFTWARE\\QEL Technologies\\Install\\HXNext";
@@ -216,7 +217,7 @@ TEST_P(ShutDown, AToolThatCannotBeStartedStillGivesZero) {
     EXPECT_EQ(CallSilently(GetParam().action), 0U);
 }
 
-TEST_P(ShutDown, ACommandThatDoesNotFitItsBufferIsNotRun) {
+TEST_P(ShutDown, ACommandThatDoesNotFitItsBufferIsNotRunAndEndsTheProcess) {
     const std::wstring location = L"\\\\?\\C:\\corvi\\" + std::wstring(500, L'x');
     SetLocation(location);
     const Library library;
@@ -231,10 +232,17 @@ TEST_P(ShutDown, ACommandThatDoesNotFitItsBufferIsNotRun) {
                    started.emplace_back(commandLine);
                    return FALSE;
                });
-    EXPECT_EQ(library.Call(GetParam().action, 0), 0U);
+    std::vector<UINT> ends;
+    CORVI_HOOK(hooks, TerminateProcess, [&](HANDLE, UINT exitCode) -> BOOL {
+        ends.push_back(exitCode);
+        return TRUE;
+    });
+    library.Call(GetParam().action, 0);
     EXPECT_THAT(started, IsEmpty());
+    EXPECT_THAT(ends, ElementsAre(0xC0000417U));
     SetLocation(location.substr(0, 400));
     EXPECT_EQ(library.Call(GetParam().action, 0), 0U);
+    EXPECT_THAT(ends, SizeIs(1));
     EXPECT_THAT(started, ElementsAre(L"\"" + location.substr(0, 400) + L"\\" + GetParam().tool + L"\" exit"));
 }
 
