@@ -64,10 +64,12 @@ function(corvi_add_package name source)
   get_filename_component(source ${source} ABSOLUTE)
   set(output ${CORVI_STAGE}/${name}.msi)
   file(GLOB includes CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/package/*.wxi)
+  set(builder ${CMAKE_SOURCE_DIR}/package/build_package.sh)
   add_custom_command(OUTPUT ${output}
-    COMMAND wixl -a x64 -o ${output} -I ${CMAKE_SOURCE_DIR}/package ${package_UNPARSED_ARGUMENTS} ${source}
+    COMMAND sh ${builder} ${output} ${source} ${package_UNPARSED_ARGUMENTS}
     WORKING_DIRECTORY ${CORVI_STAGE}
-    DEPENDS ${source} ${includes} ${CORVI_STAGE}/Corvi_CA.dll ${package_NEEDS} VERBATIM)
+    DEPENDS ${source} ${includes} ${builder} ${CMAKE_SOURCE_DIR}/package/finish_package.py
+            ${CORVI_STAGE}/Corvi_CA.dll ${package_NEEDS} VERBATIM)
   add_custom_target(package_${name} DEPENDS ${output})
   add_dependencies(package_${name} stage_library ${package_NEEDS})
   add_dependencies(stage package_${name})
