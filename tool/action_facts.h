@@ -66,15 +66,15 @@ struct RegistryRead {
     std::string meaning = {};
 };
 
-/// A registry search and the condition on its property that keep an action from running without its key.
+/// A registry search that tells whether an action's key is there. Every action that lets an error out
+/// when it is not runs under a condition that names the search's property.
 struct Guard {
-    std::string property = {};
-    std::string root = {};  ///< "HKLM" or "HKCU"
+    std::string property = {};  ///< public, so that a full-UI install hands it to the server side
+    std::string root = {};      ///< "HKLM" or "HKCU"
     std::string key = {};
     std::string value = {};
     bool view32 = false;
-    /// Why the search asks for just this value.
-    std::string reason = {};
+    std::string reason = {};  ///< what the search stands for
 };
 
 /// What the action deletes; nothing when `what` is empty.
@@ -105,17 +105,31 @@ struct ActionFacts {
     ActionData data = {};
     std::vector<std::string> properties = {};  ///< session properties that it reads
     std::vector<RegistryRead> reads = {};
-    std::optional<Guard> guard = {};
+    /// The searches that the recommended condition needs, one for each key whose absence lets an error out.
+    std::vector<Guard> guards = {};
+    /// The package itself writes what the guards look for before the action runs: then it needs none.
+    bool ownPackageWritesKeys = false;
     std::string changes = {};
     Deletion deletes = {};
     bool needsElevation = true;
     std::string takenBackBy = {};    ///< the action that takes its change back on an uninstall; may be empty
     std::string takenBackNote = {};  ///< what takes the change back where no action does
-    std::string rollback = {};       ///< the action that a package schedules before it as its rollback
+    /// The exported action that the include declares as NAME.Rollback, Execute="rollback"; may be empty.
+    std::string rollback = {};
+    bool rollbackTakesData = false;  ///< the rollback's entry point needs action data of its own
     std::vector<Result> results = {};
     std::vector<LogText> log = {};
     std::string onFailure = {};  ///< what to look at next when it failed
 };
+
+/// A heading of include and reference, and what the include says about the attributes below it.
+struct Room {
+    std::string name;
+    std::string comment;
+};
+
+/// All rooms, in the order of the include.
+const std::vector<Room>& AllRooms();
 
 /// All actions, in the order of the include.
 const std::vector<ActionFacts>& AllActions();
