@@ -102,6 +102,14 @@ class Lists(unittest.TestCase):
             named = re.findall(r"`([A-Z][A-Za-z_]+)`", bullet(entry, "Taken back by"))
             self.assertEqual(set(), set(named) - self.exports, action)
 
+    def test_what_the_table_of_facts_says_takes_an_action_back_is_in_its_entry(self):
+        facts = re.findall(r'\{\.name = "(\w+)",(.*?)(?=\{\.name = "|\Z)', read("tool", "action_facts.cpp"), re.DOTALL)
+        self.assertEqual(self.exports, {action for action, _ in facts})
+        said = dict(entries())
+        for action, text in facts:
+            for counterpart in re.findall(r'\.takenBackBy = "(\w+)"', text):
+                self.assertIn(f"`{counterpart}`", bullet(said[action], "Taken back by"), action)
+
     def test_the_examples_of_the_reference_and_the_readme_are_those_that_the_tests_install(self):
         sources = "\n".join(path.read_text(encoding="utf-8") for folder in ("package", "tests/fixtures")
                             for path in ROOT.glob(f"{folder}/*.wxs"))
