@@ -41,12 +41,10 @@ struct ArbitrationRequest {
     bool isUninstall;
 };
 
-/// One status value of the client register.
+/// What one status value of the client register says about its client.
 struct ClientStatusEntry {
-    std::wstring client;
     bool isActive;
     bool isOwn;
-    DWORD status;
 };
 
 struct ClientRegister {
@@ -76,7 +74,7 @@ ClientStatusEntry ReadEntry(const std::wstring& name, const std::wstring& ownCli
     const LSTATUS read = RegGetValueW(HKEY_LOCAL_MACHINE, kClientRegisterKey, name.c_str(), RRF_RT_REG_DWORD,
                                       nullptr, &status, &size);
     const std::wstring client = name.substr(0, name.find(L'_'));
-    return {client, read == ERROR_SUCCESS && status == kClientHoldsTuep, client == ownClient, status};
+    return {read == ERROR_SUCCESS && status == kClientHoldsTuep, client == ownClient};
 }
 
 /// Lists the register's names, those below its subkeys included: a client may have a key of its own
@@ -114,8 +112,7 @@ bool IsHeldByAnother(const ClientRegister& clients) {
 }
 
 void ForgetLastClaimant() {
-    const RegKey key = RegKey::TryOpen(HKEY_LOCAL_MACHINE, kAnalyticsKey, KEY_ALL_ACCESS);
-    if (key) {
+    if (const RegKey key = OpenAnalyticsKey()) {
         RegDeleteValueW(key.Get(), kLastClaimantValue);
     }
 }
@@ -143,6 +140,17 @@ UINT JoinOthers(const ClientRegister& clients) {
     return kKeepInstalledCopy;
 }
 
+/// Unregisters the installed copies, all of them: they have one name. How far it gets is not asked. What
+/// an incomplete registration leaves behind must neither fail the install nor hide the copies that are
+/// still to be compared.
+void UnregisterCopies() {
+    try {
+        RemoveProductRegistration(kTuepProductName);
+    } catch (...) {
+        return;
+    }
+}
+
 /// Compares the installed copies with the package's: older ones lose their registration, one that is not
 /// older ends the search. result: what was decided before, and what is decided here; an error on the way
 /// leaves it as far as it got.
@@ -159,7 +167,7 @@ void CompareInstalledCopies(MSIHANDLE session, const ArbitrationRequest& request
             result = kKeepInstalledCopy;
             return;
         }
-        RemoveProductRegistration(kTuepProductName);
+        UnregisterCopies();
         WriteInstallerLog(session, L"Uninstall %s as it is older", package.c_str());
         result = kGoOn;
     }
@@ -186,7 +194,7 @@ UINT AnswerPackage(MSIHANDLE session) {
     try {
         Arbitrate(session, ReadRequest(session, clientName, actionData), result);
     } catch (...) {
-        // An older copy that cannot be unregistered must not fail the install: what is decided stands.
+        // What is decided by then stands, and the claimant is recorded in every outcome.
     }
     WriteMachineString(kAnalyticsKey, kLastClaimantValue, clientName);
     return result;

@@ -1,12 +1,13 @@
 #include "msiregistry/client_register.h"
 
-#include "runtime/registry.h"
-
 namespace corvi {
 namespace {
 
 constexpr wchar_t kDriverServiceKey[] = L"System\\CurrentControlSet\\Services\\tavofendr";
 constexpr wchar_t kDriverStateSubkey[] = L"State\\TUEP";
+
+// No more than this of the last claimant's name is asked for. A longer one does not count.
+constexpr DWORD kClaimantBytes = 520;
 
 /// The subkey, opened or created below an open key; empty when neither works.
 RegKey CreateSubkey(const RegKey& parent, const wchar_t* subkey) {
@@ -23,7 +24,7 @@ bool SetClientStatus(const std::wstring& valueName, DWORD status) {
     if (!key) {
         return false;
     }
-    // A refused write counts as done: no package ever asked for more than the key.
+    // Kept: a refused write counts as done.
     key.SetDword(valueName, status);
     return true;
 }
@@ -46,6 +47,19 @@ bool MarkTuepClient(const std::wstring& clientName, DWORD status) {
         SetDriverTuepStatus(status);
     }
     return true;
+}
+
+RegKey OpenAnalyticsKey(LSTATUS* status) {
+    return RegKey::TryOpen(HKEY_LOCAL_MACHINE, kAnalyticsKey, KEY_ALL_ACCESS, status);
+}
+
+std::optional<std::wstring> SettleLastClaim(const RegKey& analyticsKey, DWORD status) {
+    auto client = analyticsKey.QueryText(kLastClaimantValue, kClaimantBytes);
+    if (client) {
+        MarkTuepClient(*client, status);
+    }
+    RegDeleteValueW(analyticsKey.Get(), kLastClaimantValue);
+    return client;
 }
 
 }  // namespace corvi

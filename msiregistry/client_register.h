@@ -2,7 +2,10 @@
 
 #include <windows.h>
 
+#include <optional>
 #include <string>
+
+#include "runtime/registry.h"
 
 namespace corvi {
 
@@ -30,5 +33,14 @@ bool SetDriverTuepStatus(DWORD status);
 /// Writes the status of the client named clientName and, for the client "LSX", its driver-side copy.
 /// True when the register could be opened or created.
 bool MarkTuepClient(const std::wstring& clientName, DWORD status);
+
+/// The key of the last claimant, opened with all access; empty when that fails. *status, if given, receives
+/// the platform's result.
+RegKey OpenAnalyticsKey(LSTATUS* status = nullptr);
+
+/// Marks the client that claimed TUEP last with the given status and deletes its claim, which goes even
+/// when it cannot be read. analyticsKey: as OpenAnalyticsKey gives it. The client's name; nothing when
+/// there is no claim of at most 520 bytes.
+std::optional<std::wstring> SettleLastClaim(const RegKey& analyticsKey, DWORD status);
 
 }  // namespace corvi

@@ -1,7 +1,9 @@
 #include "msiregistry/product_version.h"
 
+#include <algorithm>
 #include <cmath>
-#include <cwchar>
+#include <cstdlib>
+#include <iterator>
 #include <limits>
 #include <vector>
 
@@ -14,6 +16,13 @@ constexpr wchar_t kWildcard[] = L"*";
 constexpr wchar_t kMissingComponent[] = L"0";
 constexpr wchar_t kBlanks[] = L" \t\n\v\f\r";
 constexpr wchar_t kDigits[] = L"0123456789";
+
+/// More digits than decide which double is the nearest.
+constexpr size_t kKeptDigits = 40;
+/// An exponent that no count of digits makes up for, and one that the kept digits do not make up for: what
+/// is beyond is infinite or 0.
+constexpr int kHugeExponent = 100'000'000;
+constexpr int kLargestExponent = 9999;
 
 enum Component { kMajor, kMinor, kBuild, kRevision };
 
@@ -51,14 +60,38 @@ size_t SkipSign(const std::wstring& text, size_t start) {
     return start < text.size() && (text[start] == L'+' || text[start] == L'-') ? start + 1 : start;
 }
 
-/// The position after an exponent that begins at start, or start when there is none.
-size_t SkipExponent(const std::wstring& text, size_t start) {
+/// The exponent that begins at start, 0 when there is none.
+int ReadExponent(const std::wstring& text, size_t start) {
     if (start == text.size() || (text[start] != L'e' && text[start] != L'E')) {
-        return start;
+        return 0;
     }
     const size_t digits = SkipSign(text, start + 1);
     const size_t end = SkipDigits(text, digits);
-    return end == digits ? start : end;
+    int exponent = 0;
+    for (size_t index = digits; index < end; ++index) {
+        exponent = std::min(exponent * 10 + (text[index] - L'0'), kHugeExponent);
+    }
+    return text[digits - 1] == L'-' ? -exponent : exponent;
+}
+
+/// The number of the digits from start to end, times ten to the power of exponent. Nothing is allocated:
+/// an error here would end the comparison before a newer copy is found.
+double ConvertDigits(const std::wstring& text, size_t start, size_t end, int exponent) {
+    const size_t first = std::min(text.find_first_not_of(L'0', start), end);
+    const size_t keptEnd = std::min(first + kKeptDigits, end);
+    wchar_t number[kKeptDigits + std::size(L"0E+9999")] = {};
+    size_t length = text.copy(number, keptEnd - first, first);
+    // One digit for the rest, so that a number just above the middle between two doubles goes up.
+    number[length++] = text.find_first_not_of(L'0', keptEnd) < end ? L'1' : L'0';
+
+    const auto dropped = static_cast<int>(std::min<size_t>(end - keptEnd, kHugeExponent));
+    const int power = std::clamp(exponent + dropped - 1, -kLargestExponent, kLargestExponent);
+    number[length++] = L'E';
+    number[length++] = power < 0 ? L'-' : L'+';
+    for (int unit = 1000; unit > 0; unit /= 10) {
+        number[length++] = static_cast<wchar_t>(L'0' + std::abs(power) / unit % 10);
+    }
+    return _wtof(number);
 }
 
 double ToNumber(const std::wstring& component) {
@@ -71,17 +104,10 @@ double ToNumber(const std::wstring& component) {
     if (word == L"nan") {
         return std::numeric_limits<double>::quiet_NaN();
     }
-    if (word == L"inf") {
-        const double infinity = std::numeric_limits<double>::infinity();
-        return component[start] == L'-' ? -infinity : infinity;
-    }
     const size_t end = SkipDigits(component, digits);
-    if (end == digits) {
-        return 0;
-    }
-    // The runtime's conversion asks the locale for the decimal point and takes more than decimal numbers;
-    // what is cut out here holds neither.
-    return std::wcstod(component.substr(start, SkipExponent(component, end) - start).c_str(), nullptr);
+    const double size = word == L"inf" ? std::numeric_limits<double>::infinity()
+                                       : ConvertDigits(component, digits, end, ReadExponent(component, end));
+    return component[start] == L'-' ? -size : size;
 }
 
 using Numbers = std::array<double, 4>;

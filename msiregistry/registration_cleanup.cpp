@@ -107,6 +107,7 @@ std::optional<std::wstring> CutProductCode(const std::wstring& text) {
     return text.substr(open, close - open + 1);
 }
 
+/// Empty when the platform does not tell it, or not as a whole.
 std::wstring WindowsDirectory() {
     std::array<wchar_t, MAX_PATH> buffer = {};
     const UINT length = GetWindowsDirectoryW(buffer.data(), static_cast<UINT>(buffer.size()));
@@ -114,13 +115,15 @@ std::wstring WindowsDirectory() {
 }
 
 /// Deletes the installer's notes of the folders that lie in the product's cache folder. source: a text
-/// with the braced product code; without one no folder is known to be the product's, and all stay.
+/// with the braced product code; without one, or without the Windows directory, no folder is known to be
+/// the product's, and all stay.
 void RemoveCachedFolders(const std::wstring& source) {
     const std::optional<std::wstring> productCode = CutProductCode(source);
-    if (!productCode) {
+    const std::wstring windows = WindowsDirectory();
+    if (!productCode || windows.empty()) {
         return;
     }
-    const std::wstring cacheFolder = WindowsDirectory() + kCachedInstallers + *productCode;
+    const std::wstring cacheFolder = windows + kCachedInstallers + *productCode;
     const RegKey folders = OpenIfPresent(HKEY_LOCAL_MACHINE, kFoldersKey);
     if (!folders) {
         return;

@@ -20,15 +20,15 @@ constexpr std::wstring_view kQueryFailed = L"getMSIProductInfo::Failed with erro
 constexpr wchar_t kNoneFound[] = L"getRelatedMSIProducts::No Related Products found";
 constexpr wchar_t kFound[] = L"getRelatedMSIProducts::Related Products found";
 constexpr wchar_t kCollecting[] = L"GetRelatedMSIVersions";
-// Sent as it stands: the placeholder was never filled, and no uninstaller was ever started.
+// Kept as it stands: the placeholder stays unfilled, and no uninstaller is started.
 constexpr wchar_t kReadFailed[] = L"Unable to obtain MSI infomation. %hs Attempt to uninstall using msiexec";
 
 void LogText(MSIHANDLE session, const std::wstring& text) {
     SendInstallerMessage(session, INSTALLMESSAGE_INFO, 0, text.c_str());
 }
 
-/// Support reads the status from how much of the message is missing at its front: the status is the
-/// number of characters that are skipped. A status beyond the end of the message leaves nothing.
+/// Kept: the status shows only in how much of the message is missing at its front, one character for each
+/// of its units. A status beyond the end of the message leaves nothing.
 std::wstring QueryFailureText(UINT status) {
     return std::wstring(kQueryFailed.substr(std::min<size_t>(status, kQueryFailed.size())));
 }
@@ -62,7 +62,7 @@ std::vector<std::wstring> getRelatedMSIProducts(MSIHANDLE session, const std::ws
     if (status != ERROR_NO_MORE_ITEMS) {
         LogText(session, kNoneFound);
     }
-    // This line follows the other one too, whatever was found: logs have always read so.
+    // Kept: this line follows the other one too, whatever was found.
     LogText(session, kFound);
     return productCodes;
 }

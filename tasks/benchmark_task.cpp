@@ -27,15 +27,15 @@ constexpr wchar_t kSettingsKey[] = L"SOFTWARE\\TAVO\\HX";
 constexpr wchar_t kGateValue[] = L"GiBenchmark";
 constexpr wchar_t kGateClosed[] = L"1";
 
-// The capacity of the buffer for the claimant's name, in characters.
-constexpr size_t kClaimantCapacity = 260;
+// The key is closed again before the text is looked at.
+std::wstring ReadGate() {
+    return RegKey::Open(HKEY_CURRENT_USER, kSettingsKey, kReadWriteAccess).GetString(L"", kGateValue, true);
+}
 
-// The gate's text is taken for the name of a file first, so that it closes only where a file "1" stands
-// in the current directory: normally the task is created even when the gate reads "1". The suite has
-// shipped with that.
+// Kept: the gate's text is taken for the name of a file first, so that it closes only where a file "1"
+// stands in the current directory. Elsewhere the task is created even when the gate reads "1".
 bool IsGateClosed() {
-    const RegKey key = RegKey::Open(HKEY_CURRENT_USER, kSettingsKey, kReadWriteAccess);
-    const std::wstring gate = key.GetString(std::wstring(), kGateValue, true);
+    const std::wstring gate = ReadGate();
     return PathExists(gate) && gate == kGateClosed;
 }
 
@@ -64,18 +64,9 @@ UINT CreateBenchmarkTask() {
 
 // Records that the client which claimed the user-experience program last is gone, and forgets its name.
 void ReleaseLastClaimant() {
-    const RegKey key = RegKey::TryOpen(HKEY_LOCAL_MACHINE, kAnalyticsKey, KEY_ALL_ACCESS);
-    if (!key) {
-        return;
+    if (const RegKey key = OpenAnalyticsKey()) {
+        SettleLastClaim(key, kClientUninstalled);
     }
-    // One more character than is read: the stored text need not be terminated.
-    wchar_t claimant[kClaimantCapacity + 1] = {};
-    DWORD size = kClaimantCapacity * sizeof(wchar_t);
-    if (RegQueryValueExW(key.Get(), kLastClaimantValue, nullptr, nullptr, reinterpret_cast<BYTE*>(claimant),
-                         &size) == ERROR_SUCCESS) {
-        MarkTuepClient(claimant, kClientUninstalled);
-    }
-    RegDeleteValueW(key.Get(), kLastClaimantValue);
 }
 
 UINT RemoveBenchmarkTask() {

@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <optional>
 #include <stdexcept>
@@ -287,6 +288,35 @@ TEST_F(CheckForClients, TheLastClaimantIsDeletedFirstAndIsTheUninstallingClientI
     EXPECT_EQ(Claimant(), L"LSX");
 }
 
+TEST_F(CheckForClients, TheLastClaimantIsDeletedBeforeTheStatusOfAnInstallIsWritten) {
+    Register(L"HX_TUEPStatus", 1);
+    WriteText(HKEY_LOCAL_MACHINE, kAnalytics, L"TUEPClient", L"HX");
+    std::vector<std::optional<std::wstring>> claimantAtEachStatus;
+    CORVI_HOOK(
+        hooks_, RegSetValueExW,
+        [&](HKEY key, LPCWSTR name, DWORD reserved, DWORD type, const BYTE* data, DWORD size) -> LSTATUS {
+            if (name == std::wstring(L"LSX_TUEPStatus")) {
+                claimantAtEachStatus.push_back(Claimant());
+            }
+            return RegSetValueExW(key, name, reserved, type, data, size);
+        });
+    EXPECT_EQ(Call(kInstallVersion2), kKeepInstalledCopy);
+    EXPECT_THAT(claimantAtEachStatus, ElementsAre(std::nullopt, std::nullopt));
+    EXPECT_EQ(Claimant(), L"LSX");
+}
+
+TEST_F(CheckForClients, OfSeveralOwnValuesTheLastOneCounts) {
+    for (const wchar_t* name : {L"LSX_B_TUEPStatus", L"LSX_A_TUEPStatus", L"LSX_C_TUEPStatus"}) {
+        Register(name, 1);
+    }
+    const std::wstring last = ValueNames(HKEY_LOCAL_MACHINE, kRegister).back();
+    Register(L"HX_TUEPStatus", 1);
+    EXPECT_EQ(Call(kUninstall), kKeepTuepForOthers);
+    for (const wchar_t* name : {L"LSX_B_TUEPStatus", L"LSX_A_TUEPStatus", L"LSX_C_TUEPStatus"}) {
+        EXPECT_EQ(Registered(name), name == last ? 2U : 1U) << std::filesystem::path(name);
+    }
+}
+
 TEST_F(CheckForClients, AnUninstallIsRecordedBeforeTuepIsRestarted) {
     Register(L"HX_TUEPStatus", 1);
     EXPECT_EQ(Call(kUninstall), kKeepTuepForOthers);
@@ -472,6 +502,23 @@ TEST_F(CheckForClients, TwoOlderCopiesAreBothUnregistered) {
     EXPECT_EQ(Decisions().size(), 8U);
 }
 
+TEST_F(CheckForClients, AnOlderCopyTakesEveryProductOfItsNameWithItTheNewerOneThatIsKeptIncluded) {
+    const InstalledProduct older(L"tuep_1", L"01");
+    const InstalledProduct newer(L"tuep_10", L"03");
+    older.MoveCachedPackage(L"a_corvi.msi");
+    newer.MoveCachedPackage(L"b_corvi.msi");
+    const std::wstring newerPackage = newer.CachedPackage();
+    ASSERT_TRUE(std::filesystem::exists(newerPackage));
+    Register(L"LSX_TUEPStatus", 1);
+    // Removal is by the display name, which both copies have.
+    EXPECT_EQ(Call(kInstallVersion2), kKeepInstalledCopy);
+    EXPECT_FALSE(older.IsKnown());
+    EXPECT_FALSE(newer.IsKnown());
+    EXPECT_FALSE(std::filesystem::exists(newerPackage));
+    EXPECT_TRUE(std::filesystem::exists(newer.OwnFile())) << "no uninstaller has run";
+    EXPECT_TRUE(StartedTuep());
+}
+
 TEST_F(CheckForClients, ACopyWithAnotherNameIsCalledOlderAndStaysRegistered) {
     // Older copies are removed by the one name that TUEP's installer has.
     const InstalledProduct companion(L"companion", L"05");
@@ -484,19 +531,67 @@ TEST_F(CheckForClients, ACopyWithAnotherNameIsCalledOlderAndStaysRegistered) {
 
 // --- Failures ---
 
-TEST_F(CheckForClients, ARemovalThatFailsLeavesTheResultDecidedBeforeAndRecordsTheClaimant) {
+TEST_F(CheckForClients, ARemovalThatFailsChangesNothing) {
     const InstalledProduct older(L"tuep_1", L"01");
     // The removal needs the cached package's path.
     RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, older.InstallPropertiesKey().c_str(), L"LocalPackage");
     Register(L"HX_TUEPStatus", 1);
-    EXPECT_EQ(Call(kInstallVersion2), kKeepInstalledCopy);
-    EXPECT_EQ(Claimant(), L"LSX");
-    EXPECT_THAT(Decisions().back(), testing::StartsWith(L"Previous installed - Version 1.0.0 - Path - "));
-
-    Register(L"HX_TUEPStatus", 2);
-    DropKey(HKEY_LOCAL_MACHINE, kAnalytics);
     EXPECT_EQ(Call(kInstallVersion2), kGoOn);
     EXPECT_EQ(Claimant(), L"LSX");
+    EXPECT_THAT(session_.LogLines(), Contains(L"Previous installed - Version 1.0.0 - Path - "));
+    EXPECT_EQ(Decisions().back(), L"Uninstall  as it is older");
+    EXPECT_TRUE(older.IsKnown()) << "the removal did fail";
+}
+
+TEST_F(CheckForClients, ARegistrationWithoutANameDoesNotTurnAFinishedRemovalIntoASkip) {
+    const InstalledProduct older(L"tuep_1", L"01");
+    const std::wstring package = older.CachedPackage();
+    // What is left of some product: every name there is required, and the removal ends with an error.
+    MakeKey(HKEY_LOCAL_MACHINE, L"Software\\Classes\\Installer\\Products\\Orphan");
+    Register(L"HX_TUEPStatus", 1);
+    EXPECT_EQ(Call(kInstallVersion2), kGoOn);
+    EXPECT_EQ(Decisions().back(), L"Uninstall " + package + L" as it is older");
+    EXPECT_EQ(Claimant(), L"LSX");
+}
+
+TEST_F(CheckForClients, ARemovalThatFailsDoesNotHideANewerCopy) {
+    const InstalledProduct older(L"tuep_1", L"01");
+    const InstalledProduct newer(L"companion", L"05");
+    older.MoveCachedPackage(L"a_corvi.msi");
+    newer.MoveCachedPackage(L"b_corvi.msi");
+    MakeKey(HKEY_LOCAL_MACHINE, L"Software\\Classes\\Installer\\Products\\Orphan");
+    Register(L"LSX_TUEPStatus", 1);
+    EXPECT_EQ(Call(kInstallVersion2), kKeepInstalledCopy);
+    EXPECT_EQ(Decisions().back(), L"Skipping install as - 3.0.0 installed");
+    EXPECT_TRUE(StartedTuep());
+    EXPECT_EQ(Registered(L"LSX_TUEPStatus"), 1U);
+}
+
+/// Every allocation of the library fails in its turn.
+TEST_F(CheckForClients, AnyAllocationMayFail) {
+    CORVI_HOOK(hooks_, MsiEnumRelatedProductsW, [](LPCWSTR, DWORD, DWORD index, LPWSTR code) -> UINT {
+        lstrcpyW(code, L"{00000000-0000-4000-8000-000000000001}");
+        return index == 0 ? ERROR_SUCCESS : ERROR_NO_MORE_ITEMS;
+    });
+    CORVI_HOOK(hooks_, MsiGetProductInfoW, [](LPCWSTR, LPCWSTR, LPWSTR buffer, LPDWORD) -> UINT {
+        lstrcpyW(buffer, L"1.0000000000000000000000.2.3");
+        return ERROR_SUCCESS;
+    });
+    Register(L"HX_TUEPStatus", 1);
+    // The first error of a thread needs memory that the language's runtime cannot do without.
+    EXPECT_EQ(Call(L"x"), kGoOn);
+    session_.SetActionData(kInstallVersion2);
+    int calls = 0;
+    int failing = 0;
+    CORVI_HOOK(hooks_, malloc,
+               [&](size_t size) -> void* { return ++calls == failing ? nullptr : std::malloc(size); });
+    do {
+        ++failing;
+        calls = 0;
+        EXPECT_THAT(library_.Call("CheckForClients", session_.Handle()),
+                    testing::AnyOf(kGoOn, kKeepInstalledCopy));
+    } while (calls >= failing);
+    EXPECT_GT(failing, 20);
 }
 
 TEST_F(CheckForClients, AFailedEnumerationLogsBothLinesAndCountsAsNoCopy) {

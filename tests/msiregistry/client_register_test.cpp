@@ -116,6 +116,31 @@ TEST_F(ClientRegister, TheDriverCopyIsWrittenBelowTheService) {
     EXPECT_EQ(DriverCopy(), 2U);
 }
 
+TEST_F(ClientRegister, TheDriversServiceAndItsSubkeyAreOpenedWithAllAccess) {
+    MakeKey(HKEY_LOCAL_MACHINE, kDriverService);
+    REGSAM service = 0;
+    REGSAM state = 0;
+    std::wstring subkey;
+    CORVI_HOOK(hooks_, RegOpenKeyExW,
+               [&](HKEY root, LPCWSTR path, DWORD options, REGSAM access, PHKEY key) -> LSTATUS {
+                   service = access;
+                   return CORVI_ORIGINAL(hooks_, RegOpenKeyExW)(root, path, options, access, key);
+               });
+    CORVI_HOOK(hooks_, RegCreateKeyExW,
+               [&](HKEY root, LPCWSTR path, DWORD reserved, LPWSTR type, DWORD options, REGSAM access,
+                   const LPSECURITY_ATTRIBUTES security, PHKEY key, LPDWORD disposition) -> LSTATUS {
+                   subkey = path;
+                   state = access;
+                   return CORVI_ORIGINAL(hooks_, RegCreateKeyExW)(root, path, reserved, type, options, access,
+                                                                  security, key, disposition);
+               });
+    EXPECT_TRUE(SetDriverTuepStatus(1));
+    hooks_.RestoreAll();
+    EXPECT_EQ(service, REGSAM{KEY_ALL_ACCESS});
+    EXPECT_EQ(state, REGSAM{KEY_ALL_ACCESS});
+    EXPECT_EQ(subkey, L"State\\TUEP");
+}
+
 TEST_F(ClientRegister, TheDriverCopyFailsWithItsKeyOrItsValue) {
     MakeKey(HKEY_LOCAL_MACHINE, kDriverService);
     FailCreations(ERROR_ACCESS_DENIED);

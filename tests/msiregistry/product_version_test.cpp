@@ -1,11 +1,17 @@
 #include "msiregistry/product_version.h"
 
+#include <windows.h>
+
 #include <gtest/gtest.h>
 
 #include <clocale>
+#include <cstdlib>
 #include <cwchar>
+#include <random>
 #include <string>
 #include <vector>
+
+#include "tests/support/import_hooks.h"
 
 namespace corvi::test {
 namespace {
@@ -157,6 +163,79 @@ TEST(IsNotOlder, HugeNumbersAreComparedAsDoubles) {
     ExpectEqual(std::wstring(400, L'9') + L".0", std::wstring(500, L'9') + L".0");
     ExpectNewer(std::wstring(400, L'9') + L".0", L"1.0");
     ExpectEqual(std::wstring(60000, L'0') + L"1.0", L"1.0");
+}
+
+TEST(IsNotOlder, AnExponentAndTheDigitsBeforeItMakeUpForEachOther) {
+    ExpectEqual(L"1" + std::wstring(300, L'0') + L"e-300.0", L"1.0");
+    ExpectEqual(std::wstring(300, L'0') + L"1e300.0", L"1e300.0");
+    ExpectEqual(L"1" + std::wstring(20000, L'0') + L"e-20000.0", L"1.0");
+    ExpectEqual(L"0e99999999999999999999.0", L"0.0");
+    ExpectEqual(L"5e99999999999999999999.0", L"inf.0");
+    ExpectEqual(L"5e-99999999999999999999.0", L"0.0");
+    ExpectEqual(L"-5e99999999999999999999.0", L"-inf.0");
+}
+
+TEST(IsNotOlder, TheLastOfManyDigitsStillDecidesWhichDoubleIsTheNearest) {
+    // Exactly between two doubles, and above that by its last digit.
+    const std::wstring between = L"9007199254740993" + std::wstring(60, L'0');
+    ExpectEqual(between + L"0e-61.0", L"9007199254740992.0");
+    ExpectEqual(between + L"1e-61.0", L"9007199254740994.0");
+}
+
+/// A number of up to 45 digits, often with a sign and an exponent.
+std::wstring RandomNumber(std::mt19937& random) {
+    const auto below = [&](unsigned limit) { return static_cast<unsigned>(random() % limit); };
+    std::wstring text = below(4) == 0 ? L"-" : L"";
+    const unsigned length = 1 + below(45);
+    for (unsigned index = 0; index < length; ++index) {
+        text += static_cast<wchar_t>(L'0' + below(10));
+    }
+    if (below(2) == 0) {
+        text += (below(2) == 0 ? L"e" : L"E-") + std::to_wstring(below(340));
+    }
+    return text;
+}
+
+TEST(IsNotOlder, ComparesAsTheRuntimesConversionDoes) {
+    std::mt19937 random(1);
+    std::wstring before = L"1";
+    for (int round = 0; round < 5000; ++round) {
+        std::wstring number = RandomNumber(random);
+        // Every other one is a close neighbour of the one before.
+        if (round % 2 == 1) {
+            number = before;
+            number[number.size() - 1 - random() % number.size()] = L'7';
+        }
+        const bool expected = std::wcstod(number.c_str(), nullptr) >= std::wcstod(before.c_str(), nullptr);
+        EXPECT_EQ(NotOlder(number + L".0", before + L".0"), expected)
+            << std::string(number.begin(), number.end()) << " " << std::string(before.begin(), before.end());
+        before = number;
+    }
+}
+
+TEST(IsNotOlder, NothingIsAllocatedSoThatNoShortageOfMemoryEndsTheComparison) {
+    const ProductVersion version = ParseProductVersion(L"12345678901234567890.2e5.nan.-inf");
+    const ProductVersion other = ParseProductVersion(std::wstring(5000, L'9') + L".0x10.+7.00000000000001");
+    ImportHooks hooks(GetModuleHandleW(nullptr));
+    int allocations = 0;
+    CORVI_HOOK(hooks, malloc, [&](size_t size) -> void* {
+        ++allocations;
+        return CORVI_ORIGINAL(hooks, malloc)(size);
+    });
+    if (hooks.Imports("calloc")) {
+        CORVI_HOOK(hooks, calloc, [&](size_t count, size_t size) -> void* {
+            ++allocations;
+            return CORVI_ORIGINAL(hooks, calloc)(count, size);
+        });
+    }
+    allocations = 0;
+    const bool notOlder = IsNotOlder(version, other);
+    const int during = allocations;
+    const std::wstring counted(1000, L'x');
+    hooks.RestoreAll();
+    EXPECT_FALSE(notOlder);
+    EXPECT_EQ(during, 0);
+    EXPECT_EQ(allocations, 1) << "the count works";
 }
 
 TEST(IsNotOlder, TheWordForInfinityIsANumber) {

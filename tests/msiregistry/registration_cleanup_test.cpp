@@ -167,17 +167,25 @@ TEST_F(RegistrationCleanup, EveryInstalledProductOfTheNameGoesForEveryUser) {
     PlantInstalled(kMachineSid, kOtherPacked, kOtherCode, kOtherCase);
     PlantInstalled(kUserSid, kPacked, kCode);
     PlantInstalled(L"x-s-1-5-y", kPacked, kCode);
+    PlantInstalled(L"S-1-5", kPacked, kCode);
+    PlantInstalled(L"S-1-52", kPacked, kCode);
     RemoveProductRegistration(kName);
     EXPECT_FALSE(IsInstalled(kMachineSid, kPacked));
     EXPECT_FALSE(IsInstalled(kMachineSid, kOtherPacked));
     EXPECT_FALSE(IsInstalled(kUserSid, kPacked));
-    EXPECT_FALSE(IsInstalled(L"x-s-1-5-y", kPacked));
+    for (const wchar_t* user : {L"x-s-1-5-y", L"S-1-5", L"S-1-52"}) {
+        EXPECT_FALSE(IsInstalled(user, kPacked));
+    }
 }
 
 TEST_F(RegistrationCleanup, AUserKeyThatIsNoSecurityIdentifierStays) {
-    PlantInstalled(L"S-1-15-18", kPacked, kCode);
+    for (const wchar_t* user : {L"S-1-15-18", L"S-1-4", L"-1-5-18", L"S-1--5"}) {
+        PlantInstalled(user, kPacked, kCode);
+    }
     RemoveProductRegistration(kName);
-    EXPECT_TRUE(IsInstalled(L"S-1-15-18", kPacked));
+    for (const wchar_t* user : {L"S-1-15-18", L"S-1-4", L"-1-5-18", L"S-1--5"}) {
+        EXPECT_TRUE(IsInstalled(user, kPacked));
+    }
 }
 
 TEST_F(RegistrationCleanup, ProductsWithAnotherNameOrNoneStay) {
@@ -205,6 +213,74 @@ TEST_F(RegistrationCleanup, FoldersInTheProductsCacheAreForgotten) {
     RemoveProductRegistration(kName);
     EXPECT_THAT(ValueNames(HKEY_LOCAL_MACHINE, kFolders),
                 testing::UnorderedElementsAre(other, L"C:\\Program Files\\"));
+}
+
+TEST_F(RegistrationCleanup, AFolderThatMatchesWithoutTheClosingBraceStays) {
+    PlantInstalled(kMachineSid, kPacked, kCode);
+    const std::wstring other = L"C:\\Windows\\Installer\\" + kCode.substr(0, kCode.size() - 1) + L"0}\\";
+    WriteText(HKEY_LOCAL_MACHINE, kFolders, other, L"1");
+    RemoveProductRegistration(kName);
+    EXPECT_THAT(ValueNames(HKEY_LOCAL_MACHINE, kFolders), ElementsAre(other));
+    EXPECT_FALSE(IsInstalled(kMachineSid, kPacked));
+}
+
+TEST_F(RegistrationCleanup, AFolderOutsideTheWindowsDirectoryStays) {
+    PlantInstalled(kMachineSid, kPacked, kCode);
+    const std::wstring foreign = L"D:\\Backup\\Installer\\" + kCode + L"\\";
+    WriteText(HKEY_LOCAL_MACHINE, kFolders, foreign, L"1");
+    RemoveProductRegistration(kName);
+    EXPECT_THAT(ValueNames(HKEY_LOCAL_MACHINE, kFolders), ElementsAre(foreign));
+}
+
+TEST_F(RegistrationCleanup, WithoutTheWindowsDirectoryAllFoldersStayAndTheRestGoes) {
+    const std::wstring own = L"C:\\Windows\\Installer\\" + kCode + L"\\";
+    const std::wstring foreign = L"D:\\Backup\\Installer\\" + kCode + L"\\";
+    for (const UINT answer : {0U, UINT{MAX_PATH}, 400U}) {
+        PlantInstalled(kMachineSid, kPacked, kCode);
+        PlantAdvertised(HKEY_CLASSES_ROOT, L"Installer\\", kPacked);
+        WriteText(HKEY_CLASSES_ROOT, L"Installer\\Products\\" + kPacked, L"ProductIcon", kCode);
+        WriteText(HKEY_LOCAL_MACHINE, kFolders, own, L"1");
+        WriteText(HKEY_LOCAL_MACHINE, kFolders, foreign, L"1");
+        CORVI_HOOK(hooks_, GetWindowsDirectoryW, [=](LPWSTR, UINT) -> UINT { return answer; });
+        RemoveProductRegistration(kName);
+        hooks_.RestoreAll();
+        EXPECT_THAT(ValueNames(HKEY_LOCAL_MACHINE, kFolders), testing::UnorderedElementsAre(own, foreign));
+        EXPECT_FALSE(IsInstalled(kMachineSid, kPacked));
+        EXPECT_FALSE(IsAdvertised(HKEY_CLASSES_ROOT, L"Installer\\", kPacked));
+    }
+}
+
+TEST_F(RegistrationCleanup, AnInstalledProductLosesItsFoldersUpgradeCodeComponentsPackageAndThenItself) {
+    PlantInstalled(kMachineSid, kPacked, kCode);
+    PlantPackageFile();
+    const std::wstring components = kUserData + kMachineSid + L"\\Components\\";
+    PlantUsers(HKEY_LOCAL_MACHINE, components + L"Only", {kPacked});
+    PlantUsers(HKEY_LOCAL_MACHINE, kMachineCodes + L"Only", {kPacked});
+    WriteText(HKEY_LOCAL_MACHINE, kFolders, L"C:\\Windows\\Installer\\" + kCode + L"\\", L"1");
+    Names leftAtEachDeletion;
+    const auto note = [&] {
+        std::wstring left = ValueNames(HKEY_LOCAL_MACHINE, kFolders).empty() ? L"-" : L"F";
+        left += KeyExists(HKEY_LOCAL_MACHINE, kMachineCodes + L"Only") ? L"U" : L"-";
+        left += KeyExists(HKEY_LOCAL_MACHINE, components + L"Only") ? L"C" : L"-";
+        left += std::filesystem::exists(kPackageFile) ? L"P" : L"-";
+        left += IsInstalled(kMachineSid, kPacked) ? L"I" : L"-";
+        leftAtEachDeletion.push_back(left);
+    };
+    CORVI_HOOK(hooks_, RegDeleteValueW, [&](HKEY key, LPCWSTR name) -> LSTATUS {
+        note();
+        return CORVI_ORIGINAL(hooks_, RegDeleteValueW)(key, name);
+    });
+    CORVI_HOOK(hooks_, RegDeleteTreeW, [&](HKEY key, LPCWSTR subkey) -> LSTATUS {
+        note();
+        return CORVI_ORIGINAL(hooks_, RegDeleteTreeW)(key, subkey);
+    });
+    CORVI_HOOK(hooks_, DeleteFileW, [&](LPCWSTR path) -> BOOL {
+        note();
+        return CORVI_ORIGINAL(hooks_, DeleteFileW)(path);
+    });
+    RemoveProductRegistration(kName);
+    hooks_.RestoreAll();
+    EXPECT_THAT(leftAtEachDeletion, ElementsAre(L"FUCPI", L"-UCPI", L"--CPI", L"---PI", L"----I"));
 }
 
 TEST_F(RegistrationCleanup, AnUninstallStringWithoutBracesLeavesAllFoldersAndTheRestGoes) {

@@ -135,6 +135,22 @@ TEST_F(RelatedProducts, VersionAndPackageAreAskedInThisOrderAndTheVersionIsLogge
                                           L"getRelatedMSIProducts::Related Products found", L"1.0", L"2.0"}));
 }
 
+TEST_F(RelatedProducts, TheVersionIsLoggedOnceBothQueriesAreDone) {
+    Enumerate({kFirstCode});
+    CORVI_HOOK(hooks_, MsiGetProductInfoW, [&](LPCWSTR, LPCWSTR property, LPWSTR buffer, LPDWORD) -> UINT {
+        if (property == std::wstring(L"LocalPackage")) {
+            return ERROR_ACCESS_DENIED;
+        }
+        lstrcpyW(buffer, L"1.0");
+        return ERROR_SUCCESS;
+    });
+    GetRelatedMSIVersions(session_.Handle(), kUpgradeCode);
+    // The failed query's line comes first.
+    EXPECT_EQ(session_.LogLines(),
+              (Lines{L"GetRelatedMSIVersions", L"getRelatedMSIProducts::Related Products found",
+                     L"IProductInfo::Failed with error ", L"1.0"}));
+}
+
 TEST_F(RelatedProducts, OfTwoProductsWithOnePackagePathTheFirstStays) {
     Enumerate({kFirstCode, kSecondCode});
     CORVI_HOOK(
