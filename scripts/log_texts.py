@@ -286,6 +286,16 @@ def read_texts(root):
     return texts
 
 
+def literals(source):
+    """All texts in a source, those that stand side by side joined."""
+    texts, last = [], None
+    for token in tokens_of(source):
+        if isinstance(token, Text):
+            texts[-1:] = [texts[-1] + token] if last else [*texts[-1:], str(token)]
+        last = isinstance(token, Text)
+    return texts
+
+
 def other_ways_out(root):
     """(file, call) of every platform call that puts a text out beside the sinks."""
     found = []

@@ -73,6 +73,16 @@ class Reference(unittest.TestCase):
         named = {name for _, writers, _ in rows(text.split(CHAPTER)[1]) for name in re.findall(r"`(\w+)`", writers)}
         self.assertEqual(set(), named - actions)
 
+    def test_the_table_of_facts_knows_the_lines_of_the_log(self):
+        # Not a version alone, which no text tells from others, nor what any action may write.
+        untold = {"%s", "CA buffer overflow"}
+        log_table = reference(ROOT).split(CHAPTER)[1].split(NEVER_IN_THE_LOG)[0]
+        facts = log_texts.literals((ROOT / "tool" / "action_facts.cpp").read_text(encoding="utf-8"))
+        # A text of several lines is known by its first.
+        known = {text.split("\n")[0].strip() for text in facts}
+        wanted = {line.split("\n")[0].strip() for line, _, _ in rows(log_table) if line not in untold}
+        self.assertEqual(set(), wanted - known)
+
     def test_no_text_leaves_the_library_by_another_way(self):
         self.assertEqual([], log_texts.other_ways_out(ROOT))
 
