@@ -103,7 +103,8 @@ class Lists(unittest.TestCase):
             self.assertEqual(set(), set(named) - self.exports, action)
 
     def test_what_the_table_of_facts_says_takes_an_action_back_is_in_its_entry(self):
-        facts = re.findall(r'\{\.name = "(\w+)",(.*?)(?=\{\.name = "|\Z)', read("tool", "action_facts.cpp"), re.DOTALL)
+        facts = re.findall(r'\{\.name = "(\w+)",(.*?)(?=\{\.name = "\w+"|\Z)', read("tool", "action_facts.cpp"),
+                           re.DOTALL)
         self.assertEqual(self.exports, {action for action, _ in facts})
         said = dict(entries())
         for action, text in facts:
