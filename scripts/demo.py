@@ -15,7 +15,7 @@ import time
 import demo_story
 
 TIMEOUT = 120  # seconds for one run of the installer
-WXI_ACTION = re.compile(r'CustomAction Id="(\w+)" BinaryKey="Corvi_CA" DllEntry="\w+"\s+Execute="(\w+)"')
+WXI_ACTION = re.compile(r'CustomAction Id="(\w+)"\s+BinaryKey="Corvi_CA"\s+DllEntry="\w+"\s+Execute="(\w+)"')
 
 
 class DemoFailure(Exception):

@@ -34,7 +34,7 @@ class Lists(unittest.TestCase):
         self.assertTrue(self.exports)
 
     def test_every_export_is_declared_for_package_authors_and_nothing_else(self):
-        declared = re.findall(r'<CustomAction Id="(\w+)" BinaryKey="Corvi_CA" DllEntry="(\w+)"',
+        declared = re.findall(r'<CustomAction Id="(\w+)"\s+BinaryKey="Corvi_CA"\s+DllEntry="(\w+)"',
                               read("package", "Corvi_CA.wxi"))
         self.assertEqual([], [pair for pair in declared if pair[0] != pair[1]])
         self.assertEqual(self.exports, {name for name, _ in declared})

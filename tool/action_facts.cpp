@@ -170,6 +170,7 @@ const std::vector<ActionFacts> kLaunchGuard = {
      .schedule = "Immediate, before anything is changed, `NOT Installed`: it reads a property that deferred "
                  "actions cannot see. `Return=\"check\"`: a refusal must stop the install.",
      .condition = "NOT Installed",
+     .place = "Before=\"LaunchConditions\"",
      .properties = {"LAUNCHED_FROM_PIM"},
      .changes = "Nothing.",
      .needsElevation = false,
@@ -200,6 +201,7 @@ const std::vector<ActionFacts> kLaunchGuard = {
      .returnReason = "a refusal must stop the install",
      .schedule = "Immediate, early (sequence below 100), `NOT Installed`, `Return=\"check\"`.",
      .condition = "NOT Installed",
+     .place = "Before=\"LaunchConditions\"",
      .properties = {"LAUNCHED_FROM_PIM"},
      .changes = "Nothing.",
      .needsElevation = false,
@@ -230,6 +232,7 @@ const std::vector<ActionFacts> kLaunchGuard = {
      .returnReason = "a refusal must stop the install",
      .schedule = "Immediate, early, `NOT Installed`, `Return=\"check\"`.",
      .condition = "NOT Installed",
+     .place = "Before=\"LaunchConditions\"",
      .changes = "Nothing.",
      .needsElevation = false,
      .takenBackNote = "It changes nothing.",
@@ -244,6 +247,7 @@ const std::vector<ActionFacts> kLaunchGuard = {
      .schedule =
          "Deferred, elevated, on a first install only; declared `Return=\"ignore\"`: its result is always 0.",
      .condition = "NOT Installed",
+     .place = "After=\"InstallInitialize\"",
      .changes = "Deletes the machine key SOFTWARE\\QEL with everything below it.",
      .deletes = {"the machine key SOFTWARE\\QEL with everything below it", true, false},
      .takenBackNote = "Nothing takes it back.",
@@ -260,6 +264,7 @@ const std::vector<ActionFacts> kLogonTasks = {
      .schedule = "Deferred, elevated, after the files and registry values are written, `NOT REMOVE`. "
                  "`Return=\"check\"`: without an install location there is nothing to start.",
      .condition = "NOT REMOVE",
+     .place = "Before=\"InstallFinalize\"",
      .reads = {kSettingsLocationNeeded},
      .guards = {kSettingsGuard},
      .ownPackageWritesKeys = true,
@@ -287,6 +292,7 @@ const std::vector<ActionFacts> kLogonTasks = {
      .schedule = "Deferred, elevated, after the files and registry values, `NOT REMOVE`, `Return=\"check\"`. "
                  "The settings application must be installed first: its location is used.",
      .condition = "CORVI_SETTINGS_LOCATION AND NOT REMOVE",
+     .place = "Before=\"InstallFinalize\"",
      .reads = {kSettingsLocationNeeded},
      .guards = {kSettingsGuard},
      .changes =
@@ -308,6 +314,7 @@ const std::vector<ActionFacts> kLogonTasks = {
      .schedule =
          "Deferred, elevated, `REMOVE=\"ALL\"`; declared `Return=\"ignore\"`: it answers 1 for success.",
      .condition = "REMOVE=\"ALL\"",
+     .place = "After=\"InstallInitialize\"",
      .changes = "Runs schtasks /delete /TN \"StartHX\" /F and waits for it.",
      .deletes = {"the task StartHX", true, false},
      .takenBackNote = "CreateLogonSchTask registers the task again.",
@@ -322,6 +329,7 @@ const std::vector<ActionFacts> kLogonTasks = {
      .schedule =
          "Deferred, elevated, `REMOVE=\"ALL\"`; declared `Return=\"ignore\"`: it answers 1 for success.",
      .condition = "REMOVE=\"ALL\"",
+     .place = "After=\"InstallInitialize\"",
      .changes = "Runs schtasks /delete /TN \"StartDVR\" /F and waits for it.",
      .deletes = {"the task StartDVR", true, false},
      .takenBackNote = "CreateDVRLogonSchTask registers the task again.",
@@ -337,6 +345,7 @@ const std::vector<ActionFacts> kLogonTasks = {
      .schedule = "Immediate, after `InstallFinalize`, `NOT REMOVE`; declared `Return=\"ignore\"`: its result "
                  "is always 1.",
      .condition = "NOT REMOVE",
+     .place = "After=\"InstallFinalize\"",
      .changes = "Runs schtasks /run /TN \"StartHX\" and waits for it.",
      .takenBackNote = "It starts a program and leaves nothing.",
      .results = {{1, Outcome::Done, "always, whether the application was started or not"}},
@@ -348,6 +357,7 @@ const std::vector<ActionFacts> kLogonTasks = {
      .returnReason = "its result is always 0",
      .schedule = "Deferred, elevated, after `CreateLogonSchTask`; declared `Return=\"ignore\"`.",
      .condition = "NOT REMOVE",
+     .place = "Before=\"InstallFinalize\"",
      .reads = {{.root = "HKLM",
                 .key = kHXKey,
                 .value = "LazeStart",
@@ -369,6 +379,7 @@ const std::vector<ActionFacts> kBenchmarkTask = {
      .schedule = "Deferred and impersonated (`Impersonate=\"yes\"`): it reads the installing user's own "
                  "hive. After the files, `NOT Installed`, `Return=\"check\"`.",
      .condition = "NOT Installed",
+     .place = "Before=\"InstallFinalize\"",
      .reads = {{.root = "HKCU",
                 .key = kHXKey,
                 .value = "GiBenchmark",
@@ -395,6 +406,7 @@ const std::vector<ActionFacts> kBenchmarkTask = {
      .schedule =
          "Deferred, elevated, `REMOVE=\"ALL\"`; declared `Return=\"ignore\"`: it answers 1 for success.",
      .condition = "REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE",
+     .place = "After=\"InstallInitialize\"",
      .reads = {kClaimantRead},
      .changes =
          "Sets that client's status in SOFTWARE\\TUEP to 2 (and its driver-side copy for the client LSX), "
@@ -416,6 +428,7 @@ const std::vector<ActionFacts> kElevatedTask = {
      .schedule = "Deferred, elevated, after the files, `NOT REMOVE`. `Return=\"check\"`: 1 means that there "
                  "is no task.",
      .condition = "NOT REMOVE",
+     .place = "Before=\"InstallFinalize\"",
      .data = {.keys = {kTaskNameKey, kCommandKey, kUserNameKey}},
      .changes = "Creates or replaces the task in the scheduler's root folder.",
      .takenBackNote =
@@ -437,6 +450,7 @@ const std::vector<ActionFacts> kServices = {
      .returnReason = "its result is always 0",
      .schedule = "Deferred, elevated, `REMOVE=\"ALL\"`; declared `Return=\"ignore\"`.",
      .condition = "REMOVE=\"ALL\"",
+     .place = "After=\"InstallInitialize\"",
      .data = {.keys = {{.name = "ServiceName=",
                         .example = "TAVOTuningService",
                         .meaning = "the service's key name",
@@ -464,6 +478,7 @@ const std::vector<ActionFacts> kClosing = {
      .schedule = "Deferred, elevated, before files are replaced or removed, `Installed AND (REMOVE=\"ALL\" "
                  "OR REINSTALL)`; declared `Return=\"ignore\"`: a missing tool must not stop an uninstall.",
      .condition = "CORVI_SETTINGS_LOCATION AND Installed AND (REMOVE=\"ALL\" OR REINSTALL)",
+     .place = "After=\"InstallInitialize\"",
      .reads = {kSettingsLocationNeeded},
      .guards = {kSettingsGuard},
      .changes = "Runs hxcmd.exe exit from the install folder without waiting.",
@@ -478,6 +493,7 @@ const std::vector<ActionFacts> kClosing = {
      .returnReason = "its result is always 0",
      .schedule = "Deferred, elevated, after `ShutDownPQRNext`; declared `Return=\"ignore\"`.",
      .condition = "Installed AND (REMOVE=\"ALL\" OR REINSTALL)",
+     .place = "After=\"InstallInitialize\"",
      .changes = "Starts TaskKill.exe /IM ... /F for each, with the command text as working directory too: "
                 "the platform "
                 "then refuses to start it.",
@@ -492,6 +508,7 @@ const std::vector<ActionFacts> kClosing = {
      .schedule = "Deferred, elevated, before files are replaced or removed, `Installed AND (REMOVE=\"ALL\" "
                  "OR REINSTALL)`; declared `Return=\"ignore\"`: a missing tool must not stop an uninstall.",
      .condition = "CORVI_RECORDING_LOCATION AND Installed AND (REMOVE=\"ALL\" OR REINSTALL)",
+     .place = "After=\"InstallInitialize\"",
      .reads = {{.root = "HKLM",
                 .key = kRecordingKey,
                 .value = "Location",
@@ -511,6 +528,7 @@ const std::vector<ActionFacts> kClosing = {
      .schedule = "Deferred, elevated, after `ShutDownDVR`; declared `Return=\"ignore\"`: a machine without "
                  "TaskKill must not stop an uninstall.",
      .condition = "Installed AND (REMOVE=\"ALL\" OR REINSTALL)",
+     .place = "After=\"InstallInitialize\"",
      .changes = "Runs TaskKill.exe /IM TAVOLSServ.exe /F and waits.",
      .takenBackNote = "It closes a program and leaves nothing.",
      .results = {{0, Outcome::Done, "TaskKill was started, whether such a program ran or not"},
@@ -528,6 +546,7 @@ const std::vector<ActionFacts> kArbitration = {
                  "259 makes the installer skip the rest successfully, 1602 ends it as cancelled before "
                  "anything is removed.",
      .condition = "",
+     .place = "After=\"InstallInitialize\"",
      .data = {.keys = {{.name = "ClientName=",
                         .example = "[CLIENTNAME]",
                         .meaning = "the client whose package runs; compared with regard to case",
@@ -588,6 +607,7 @@ const std::vector<ActionFacts> kCamera = {
      .schedule = "Deferred, elevated, after the files, `NOT REMOVE`. `Return=\"check\"`: 1603 means that the "
                  "camera is not registered.",
      .condition = "NOT REMOVE",
+     .place = "Before=\"InstallFinalize\"",
      .data = {.keys = {kCameraFolderKey,
                        kCameraDllKey,
                        {.name = "Username=",
@@ -631,6 +651,7 @@ const std::vector<ActionFacts> kCamera = {
      .schedule = "Deferred, elevated, `REMOVE=\"ALL\"`, before the files go; declared `Return=\"ignore\"`: "
                  "an uninstall goes on when a DLL cannot be unregistered.",
      .condition = "REMOVE=\"ALL\"",
+     .place = "After=\"InstallInitialize\"",
      .data = {.keys = {kCameraFolderKey, kCameraDllKey, kMediaSourceKey}},
      .changes = "On Windows 11 with the media source present: the camera scan, then that DLL is unregistered "
                 "and the "
@@ -659,6 +680,7 @@ const std::vector<ActionFacts> kCamera = {
      .schedule = "Deferred, elevated, `REMOVE=\"ALL\"`; declared `Return=\"ignore\"`: it answers 1603 when "
                  "it succeeded.",
      .condition = "REMOVE=\"ALL\"",
+     .place = "After=\"InstallInitialize\"",
      .reads =
          {{.root = "HKLM",
            .key = "SYSTEM\\CurrentControlSet\\Control\\DeviceClasses",
@@ -690,6 +712,7 @@ const std::vector<ActionFacts> kMsix = {
      .returnReason = "a certificate that the user may not import must not roll an install back",
      .schedule = "Deferred, elevated, after the files, `NOT REMOVE`, `Return=\"check\"`.",
      .condition = "NOT REMOVE",
+     .place = "Before=\"InstallFinalize\"",
      .changes = "Imports MyKey.cer into the machine's trusted roots and adds PhotoStoreDemoPkg.msix, both "
                 "from Program "
                 "Files\\ContextMenuDemo of the Windows drive, through Windows PowerShell.",
@@ -708,6 +731,7 @@ const std::vector<ActionFacts> kMsix = {
      .returnReason = "its result is always 0",
      .schedule = "Deferred, elevated, `REMOVE=\"ALL\"`; declared `Return=\"ignore\"`.",
      .condition = "REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE",
+     .place = "After=\"InstallInitialize\"",
      .reads = {{.root = "HKLM",
                 .key = "SOFTWARE\\TAVO\\HX\\Chat",
                 .value = "InstallPath",
@@ -743,6 +767,7 @@ const std::vector<ActionFacts> kSystemPath = {
      .returnReason = "its result is always 0",
      .schedule = "Deferred, elevated, `NOT REMOVE`; declared `Return=\"ignore\"`.",
      .condition = "NOT REMOVE",
+     .place = "Before=\"InstallFinalize\"",
      .reads = {kSystemPathRead},
      .guards = {kSystemPathGuard},
      .changes =
@@ -764,6 +789,7 @@ const std::vector<ActionFacts> kSettings = {
      .schedule = "Deferred, elevated, `REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE`; declared "
                  "`Return=\"ignore\"`: a missing folder is no failure.",
      .condition = "REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE",
+     .place = "After=\"RemoveFiles\"",
      .data = {.whole = "the folder, where the registry names none; at most 519 characters",
               .wholeExample = "[INSTALLFOLDER]",
               .optional = true},
@@ -786,6 +812,7 @@ const std::vector<ActionFacts> kSettings = {
      .schedule = "Deferred, elevated, `REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE`, while the registry "
                  "still holds the location; declared `Return=\"ignore\"`.",
      .condition = "REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE",
+     .place = "After=\"InstallInitialize\"",
      .data = {.whole = "the folder, where the registry names none; at most 519 characters",
               .wholeExample = "[INSTALLFOLDER]",
               .optional = true},
@@ -819,6 +846,7 @@ const std::vector<ActionFacts> kSettings = {
      .schedule =
          "Deferred, elevated, `REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE`; declared `Return=\"ignore\"`.",
      .condition = "CORVI_SUITE_KEY AND REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE",
+     .place = "After=\"InstallInitialize\"",
      .reads = {{.root = "HKLM",
                 .key = "SOFTWARE\\TAVO",
                 .absenceLetsErrorOut = true,
@@ -845,6 +873,7 @@ const std::vector<ActionFacts> kSettings = {
      .schedule = "Deferred, elevated, only where its key was found (see `SLIMLOCATION` in "
                  "`package/settings_app.wxs`); declared `Return=\"ignore\"`.",
      .condition = "CORVI_SLIM_LOCATION AND NOT Installed",
+     .place = "After=\"InstallInitialize\"",
      .reads = {{.root = "HKLM",
                 .key = kCoreStaticKey,
                 .value = "Location",
@@ -865,6 +894,7 @@ const std::vector<ActionFacts> kSettings = {
      .schedule = "Deferred, elevated, `REMOVE=\"ALL\"`, while the registry still holds the location; "
                  "declared `Return=\"ignore\"`.",
      .condition = "REMOVE=\"ALL\"",
+     .place = "After=\"InstallInitialize\"",
      .data = {.whole = "the folder, where the registry names none; at most 519 characters",
               .wholeExample = "[INSTALLFOLDER]",
               .optional = true},
@@ -881,6 +911,7 @@ const std::vector<ActionFacts> kSettings = {
      .returnReason = "its result is always 0",
      .schedule = "Deferred, elevated, `REMOVE=\"ALL\"`, after `RemoveFiles`; declared `Return=\"ignore\"`.",
      .condition = "REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE",
+     .place = "After=\"RemoveFiles\"",
      .data =
          {.keys = {{.name = "InstallDir=",
                     .example = "[IMAGINGFOLDER]",
@@ -901,6 +932,7 @@ const std::vector<ActionFacts> kSettings = {
      .schedule =
          "Deferred, elevated, on a first install; declared `Return=\"ignore\"`: it answers 1 for success.",
      .condition = "NOT Installed",
+     .place = "After=\"InstallInitialize\"",
      .changes =
          "Deletes the machine key SOFTWARE\\Wow6432Node\\QEL\\ACE\\Settings\\MOM\\Install, when it has no "
          "subkeys.",
@@ -919,6 +951,7 @@ const std::vector<ActionFacts> kSettings = {
      .schedule = "Deferred, elevated, after the files, on a first install; declared `Return=\"ignore\"`: it "
                  "answers 1 for success.",
      .condition = "NOT Installed",
+     .place = "Before=\"InstallFinalize\"",
      .data = {.whole = "the install folder; without it the proxy is looked for on the current drive",
               .wholeExample = "[INSTALLFOLDER]"},
      .reads =
@@ -944,6 +977,7 @@ const std::vector<ActionFacts> kProfileClient = {
      .returnReason = "its result is always 0",
      .schedule = "Deferred, elevated, before `InstallFiles`, `NOT REMOVE`; declared `Return=\"ignore\"`.",
      .condition = "NOT REMOVE",
+     .place = "After=\"InstallInitialize\"",
      .changes = "Asks their programs to close, stops and deletes the services PPCL and TUEPLauncher, deletes "
                 "the folder "
                 "TAVO\\Performance Profile Client, and stops and deletes driver services whose program lies "
@@ -969,6 +1003,7 @@ const std::vector<ActionFacts> kProfileClient = {
      .schedule = "Deferred, elevated, after the files, `NOT REMOVE`. `Return=\"check\"`: 1603 means that "
                  "there is no event log to write to.",
      .condition = "NOT REMOVE",
+     .place = "Before=\"InstallFinalize\"",
      .data = {.keys = {kTaskNameKey, kCommandKey, kUserNameKey}},
      .reads = {kClaimantRead,
                {.root = "HKLM",
@@ -1003,6 +1038,7 @@ const std::vector<ActionFacts> kProfileClient = {
      .schedule =
          "Deferred, elevated, `REMOVE=\"ALL\"`, after `CheckForClients`; declared `Return=\"ignore\"`.",
      .condition = "REMOVE=\"ALL\"",
+     .place = "After=\"InstallInitialize\"",
      .changes =
          "Deletes the task StartTUEP; asks programs to close, deletes both services, both program folders "
          "(what "
@@ -1026,6 +1062,7 @@ const std::vector<ActionFacts> kProfileClient = {
      .returnReason = "its result is always 0",
      .schedule = "Deferred, elevated, after `PostInstallPPC`; declared `Return=\"ignore\"`.",
      .condition = "NOT REMOVE",
+     .place = "Before=\"InstallFinalize\"",
      .reads = {{.root = "HKLM",
                 .key = kSessionManagerKey,
                 .absenceLetsErrorOut = true,
@@ -1048,6 +1085,7 @@ const std::vector<ActionFacts> kAnalytics = {
      .schedule = "Immediate, after `InstallFinalize`, `NOT REMOVE`: it reads a property; declared "
                  "`Return=\"ignore\"`. The installing process must be elevated.",
      .condition = "NOT REMOVE",
+     .place = "After=\"InstallFinalize\"",
      .properties = {"DISABLEANALYTICS"},
      .changes = "AnalyticsAccepted = false in SOFTWARE\\TAVO\\TAVOAnalytics, if that key exists.",
      .takenBackBy = "DeleteAnalyticsKey",
@@ -1062,6 +1100,7 @@ const std::vector<ActionFacts> kAnalytics = {
      .returnReason = "an install without a recorded consent must not pass",
      .schedule = "Deferred, elevated, after the files, `NOT REMOVE`, `Return=\"check\"`.",
      .condition = "NOT Installed",
+     .place = "Before=\"InstallFinalize\"",
      .changes =
          "TUEP = 0 in SOFTWARE\\TAVO\\Install; AnalyticsAccepted = true in SOFTWARE\\TAVO\\TAVOAnalytics, "
          "created if needed.",
@@ -1079,6 +1118,7 @@ const std::vector<ActionFacts> kAnalytics = {
      .returnReason = "its result is always 0",
      .schedule = "Deferred, elevated, `REMOVE=\"ALL\"`; declared `Return=\"ignore\"`.",
      .condition = "REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE",
+     .place = "After=\"InstallInitialize\"",
      .reads = {{.root = "HKLM", .key = kAnalyticsKey, .meaning = "the key that goes"}},
      .changes = "Deletes SOFTWARE\\TAVO\\TAVOAnalytics, when it has no subkeys.",
      .deletes = {"the user's answer about analytics", true, true},
@@ -1102,6 +1142,7 @@ const std::vector<ActionFacts> kRecording = {
      .schedule = "Deferred, elevated, `REMOVE=\"ALL\"`, while the registry still names it; declared "
                  "`Return=\"ignore\"`.",
      .condition = "REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE",
+     .place = "Before=\"RemoveRegistryValues\"",
      .reads = {kVRLocation},
      .changes = "Closes the settings application; deletes WVR below that folder, and the folder itself when "
                 "it is empty "
@@ -1119,6 +1160,7 @@ const std::vector<ActionFacts> kRecording = {
      .schedule =
          "Deferred, elevated, `REMOVE=\"ALL\"`, before `DeleteWVRFolder`; declared `Return=\"ignore\"`.",
      .condition = "REMOVE=\"ALL\"",
+     .place = "After=\"InstallInitialize\"",
      .reads = {kVRLocation,
                {.root = "HKLM",
                 .key = "SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\Steam App 250820",
@@ -1140,6 +1182,7 @@ const std::vector<ActionFacts> kRecording = {
      .schedule = "Deferred, elevated, after the registry values, `NOT REMOVE`; declared `Return=\"ignore\"`: "
                  "it answers 1 when it did its work.",
      .condition = "NOT REMOVE",
+     .place = "Before=\"InstallFinalize\"",
      .reads = {{.root = "HKLM",
                 .key = "SOFTWARE\\QEL Technologies\\Install",
                 .value = "TAVODVR_Enabled",
@@ -1156,6 +1199,7 @@ const std::vector<ActionFacts> kRecording = {
      .returnReason = "its result is always 0",
      .schedule = "Deferred, elevated, on an upgrade (`UPGRADINGPRODUCTCODE`); declared `Return=\"ignore\"`.",
      .condition = "UPGRADINGPRODUCTCODE",
+     .place = "After=\"InstallInitialize\"",
      .reads =
          {{.root = "HKLM", .key = "SOFTWARE\\TAVOBranding", .meaning = "what is kept"},
           {.root = "HKLM", .key = kHXKey, .value = "HXBrandingInstallDir", .meaning = "the branding folder"}},
@@ -1176,6 +1220,7 @@ const std::vector<ActionFacts> kInstallManager = {
      .returnReason = "its result is always 0",
      .schedule = "Deferred, elevated, after the driver is installed; declared `Return=\"ignore\"`.",
      .condition = "NOT Installed",
+     .place = "Before=\"InstallFinalize\"",
      .changes = "Creates TAVO\\HX\\Analytics in the temporary folder; writes DalDCELogFilePath and "
                 "DalDCEFilePathSize "
                 "into the driver key of each display adapter of the suite.",
@@ -1189,6 +1234,7 @@ const std::vector<ActionFacts> kInstallManager = {
      .returnReason = "its result is always 0",
      .schedule = "Deferred, elevated, before the files, `NOT Installed`; declared `Return=\"ignore\"`.",
      .condition = "NOT Installed",
+     .place = "After=\"InstallInitialize\"",
      .changes = "Stops and deletes each of six services whose program is system32\\TavoKyrnMasterDriver.sys.",
      .deletes = {"stale driver services of the processor-tuning SDK", true, false},
      .takenBackNote = "Nothing takes it back: the SDK's own driver replaces them.",
@@ -1206,6 +1252,7 @@ const std::vector<ActionFacts> kInstallManager = {
      .schedule = "Deferred, elevated, `REMOVE=\"ALL\"`, while the registry still names its folder; declared "
                  "`Return=\"ignore\"`.",
      .condition = "REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE",
+     .place = "After=\"InstallInitialize\"",
      .reads = {{.root = "HKLM",
                 .key = "SOFTWARE\\TAVO\\TAVOInstallManager",
                 .value = "InstallLocation",

@@ -102,6 +102,8 @@ struct ActionFacts {
     std::string returnReason = {};  ///< why that attribute
     std::string schedule = {};      ///< where in the sequence it belongs, and why
     std::string condition = {};     ///< the recommended condition, as a package writes it
+    /// Where in the execute sequence it usually stands, as an attribute: After="InstallInitialize".
+    std::string place = {};
     ActionData data = {};
     std::vector<std::string> properties = {};  ///< session properties that it reads
     std::vector<RegistryRead> reads = {};

@@ -15,6 +15,7 @@ namespace {
 using AddVerbFunction = void (*)(CLI::App&, Work&);
 constexpr AddVerbFunction kVerbs[] = {
     AddListVerb,
+    AddIncludeVerb,
 };
 
 constexpr std::size_t kOptionColumns = 24;

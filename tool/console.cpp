@@ -107,7 +107,9 @@ std::string_view TakeLine(std::string_view& text, std::size_t columns) {
     }
     std::size_t cut = paragraph[fitting] == ' ' ? fitting : paragraph.rfind(' ', fitting);
     if (cut == std::string_view::npos || paragraph.find_first_not_of(' ') >= cut) {
-        cut = fitting;
+        // A long word: behind the last sign that separates, else where the room ends.
+        const std::size_t sign = paragraph.find_last_of(";,\\", fitting - 1);
+        cut = sign == std::string_view::npos || sign < fitting / 2 ? fitting : sign + 1;
     }
     const std::string_view line = paragraph.substr(0, cut);
     const std::size_t rest = paragraph.find_first_not_of(' ', cut);

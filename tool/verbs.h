@@ -17,6 +17,7 @@ using Work = std::function<int()>;
 // Each adds one verb to the command line: its options, its help, and a callback that sets the work. main
 // lists them in the order of the program's help.
 void AddListVerb(CLI::App& program, Work& work);
+void AddIncludeVerb(CLI::App& program, Work& work);
 
 /// Adds the verb `name` with its purpose (sentences) and the examples that end its help, one command a
 /// line. The parser hands over texts as UTF-8. Options that take one text each time need

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tool/action_facts.h"
+
+namespace corvi::tool {
+
+// The facts in the words that every verb uses.
+
+/// "done", "nothing to do", "skip", "refused", "failed".
+std::string OutcomeWord(Outcome outcome);
+
+/// The number of a result as the installer shows it; "any other" for the row of all others.
+std::string CodeText(const Result& result);
+
+/// "immediate", "deferred, as the system account" or "deferred, as the installing user".
+std::string RunsAs(const ActionFacts& facts);
+
+/// The action data as a package writes it ("TaskName=StartTUEP;Username="); empty when the action takes
+/// none.
+std::string DataExample(const ActionFacts& facts);
+
+/// The action of that name. Throws UsageError, with the nearest name where there is one.
+const ActionFacts& RequireAction(const std::string& name);
+
+/// One sentence for each action that the library at an absolute path does not export, and for each of its
+/// exports that the table does not know. Throws UsageError when the file is no 64-bit library.
+std::vector<std::string> LibraryDifferences(const std::wstring& path);
+
+}  // namespace corvi::tool
