@@ -53,8 +53,8 @@ TEST(CommandLine, EachVerbHasAHelpWithAnExample) {
     for (const wchar_t* spelling : {L"list --help", L"list /?", L"help list"}) {
         const ToolRun run = RunTool(spelling);
         EXPECT_EQ(0u, run.exitCode);
-        EXPECT_THAT(run.output, AllOf(StartsWith("usage: corvi list [ACTION]"),
-                                      HasSubstr("\nexample:\n  corvi list BlockLaunch\n")));
+        EXPECT_THAT(run.output, AllOf(StartsWith("usage: corvi list [ACTION]"), HasSubstr("\nexamples:\n"),
+                                      HasSubstr("\n  corvi list BlockLaunch\n")));
         EXPECT_GE(80u, LongestLine(run.output));
     }
 }
