@@ -35,7 +35,7 @@ tidy() {
   # What ships and what every test stands on: the test programs themselves are held by the compiler's
   # warnings, for the analyser needs minutes for each of them. clang needs to be told of the cross
   # compiler's target and headers.
-  include=$(x86_64-w64-mingw32-g++-posix -print-file-name=include)/c++
+  include=$(x86_64-w64-mingw32-g++-win32 -print-file-name=include)/c++
   sources $product_folders tests/support | grep '\.cpp$' | tr '\n' '\0' |
     xargs -0 -n 2 -P "$(nproc)" clang-tidy --quiet -p build/release \
       --extra-arg-before=--target=x86_64-w64-mingw32 \

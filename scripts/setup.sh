@@ -5,7 +5,7 @@ set -eu
 
 packages="
 cmake ninja-build ccache python3
-g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64
+g++-mingw-w64-x86-64-win32 gcc-mingw-w64-x86-64-win32 binutils-mingw-w64-x86-64
 googletest
 libcli11-dev nlohmann-json3-dev
 wine wine64

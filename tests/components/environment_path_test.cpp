@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "runtime/registry.h"
@@ -15,6 +14,7 @@
 #include "tests/support/import_hooks.h"
 #include "tests/support/installer_session.h"
 #include "tests/support/library.h"
+#include "tests/support/test_thread.h"
 
 namespace corvi::test {
 namespace {
@@ -293,12 +293,12 @@ private:
 // Runs the action on a thread of the windows' desktop and gives the time that it took.
 std::chrono::steady_clock::duration RunBesideForeignWindows(const Library& library) {
     std::chrono::steady_clock::duration elapsed{};
-    std::thread([&] {
+    RunOnOwnThread([&] {
         EXPECT_TRUE(ForeignWindows::EnterDesktop());
         const auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(library.Call("SetEnvPath_IPU_WA", 0), 0U);
         elapsed = std::chrono::steady_clock::now() - start;
-    }).join();
+    });
     return elapsed;
 }
 

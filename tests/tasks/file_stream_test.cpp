@@ -6,10 +6,11 @@
 
 #include <cstring>
 #include <filesystem>
-#include <thread>
+#include <memory>
 #include <vector>
 
 #include "tests/support/import_hooks.h"
+#include "tests/support/test_thread.h"
 #include "tests/tasks/task_files.h"
 
 namespace corvi::test {
@@ -111,18 +112,16 @@ TEST_F(FileStreamTest, AHandleThatIsNotOpenIsNotClosed) {
 
 TEST_F(FileStreamTest, ReferencesAreCountedAtomically) {
     auto stream = Open();
-    std::vector<std::thread> threads;
+    std::vector<std::unique_ptr<TestThread>> threads;
     for (int thread = 0; thread < 4; ++thread) {
-        threads.emplace_back([raw = stream.Get()] {
+        threads.push_back(std::make_unique<TestThread>([raw = stream.Get()] {
             for (int round = 0; round < 20000; ++round) {
                 raw->AddRef();
                 raw->Release();
             }
-        });
+        }));
     }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    threads.clear();
     EXPECT_EQ(stream->AddRef(), 2U);
     EXPECT_EQ(stream->Release(), 1U);
 }

@@ -8,12 +8,12 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <thread>
 
 #include "tasks/task_templates.h"
 #include "tests/support/import_hooks.h"
 #include "tests/support/installer_session.h"
 #include "tests/support/library.h"
+#include "tests/support/test_thread.h"
 #include "tests/tasks/scripted_scheduler.h"
 
 namespace corvi::test {
@@ -328,25 +328,25 @@ TEST_F(ScriptedRegistration, AnAmpersandInTheCommandReachesTheServiceUnescaped) 
 TEST_F(RealRegistration, AThreadThatIsInASingleThreadedApartmentStaysInIt) {
     UINT result = 99;
     HRESULT again = E_FAIL;
-    std::thread([&] {
+    RunOnOwnThread([&] {
         const HRESULT entered = CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
         EXPECT_EQ(entered, S_OK);
         result = Register(L"C:\\corvi\\recorder.exe");
         again = CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
         CoUninitialize();
         CoUninitialize();
-    }).join();
+    });
     EXPECT_EQ(result, 0U);
     EXPECT_EQ(again, S_FALSE) << "the thread had left its apartment";
 }
 
 TEST_F(RealRegistration, AThreadWithoutApartmentHasNoneAfterwards) {
     HRESULT entered = E_FAIL;
-    std::thread([&] {
+    RunOnOwnThread([&] {
         Register(L"C:\\corvi\\recorder.exe");
         entered = CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
         CoUninitialize();
-    }).join();
+    });
     EXPECT_EQ(entered, S_OK);
 }
 
