@@ -15,14 +15,19 @@
 #include "runtime/text.h"
 #include "runtime/tree_walk.h"
 #include "runtime/unique_handle.h"
+#include "services/settings_application.h"
 
 namespace corvi {
 namespace {
 
-// Both below HKEY_LOCAL_MACHINE.
+// Below HKEY_LOCAL_MACHINE.
 constexpr wchar_t kBrandingKey[] = L"SOFTWARE\\TAVOBranding";
-constexpr wchar_t kHXKey[] = L"SOFTWARE\\TAVO\\HX\\";
+
+/// A value of the settings application's key.
 constexpr wchar_t kBrandingDirectoryValue[] = L"HXBrandingInstallDir";
+
+/// Room for that value, in characters with terminator.
+constexpr size_t kDirectoryCapacity = 260;
 
 /// Both the entry of the branding list that retains skins and the mark of a skin's path.
 constexpr wchar_t kSkins[] = L"Skins";
@@ -43,18 +48,31 @@ std::wstring WithForwardSlashes(std::wstring text) {
     return text;
 }
 
+/// Throws RegKeyError when the value's type cannot be asked.
 bool IsPlainString(const RegKey& key, const std::wstring& valueName) {
     DWORD type = REG_NONE;
-    return RegQueryValueExW(key.Get(), valueName.c_str(), nullptr, &type, nullptr, nullptr) ==
-               ERROR_SUCCESS &&
-           type == REG_SZ;
+    const LSTATUS status = RegQueryValueExW(key.Get(), valueName.c_str(), nullptr, &type, nullptr, nullptr);
+    if (status != ERROR_SUCCESS) {
+        throw RegKeyError(status, kGetValueFailed);
+    }
+    return type == REG_SZ;
+}
+
+/// The branding key; none when there is none. Throws RegKeyError when it is there but cannot be opened.
+RegKey OpenBrandingKey() {
+    LSTATUS status = ERROR_SUCCESS;
+    RegKey branding = RegKey::TryOpen(HKEY_LOCAL_MACHINE, kBrandingKey, KEY_READ, &status);
+    if (status != ERROR_SUCCESS && status != ERROR_FILE_NOT_FOUND) {
+        throw RegKeyError(status, kOpenKeyFailed);
+    }
+    return branding;
 }
 
 /// What survives: the names of the branding key's subkeys and the data of its REG_SZ values, that with
 /// forward slashes. Empty without the key. Throws RegKeyError when the key is there but not readable to
 /// the end: content that nobody could tell from retained content must not be deleted.
 std::vector<std::wstring> ReadBrandingList() {
-    const RegKey branding = RegKey::TryOpen(HKEY_LOCAL_MACHINE, kBrandingKey, KEY_READ);
+    const RegKey branding = OpenBrandingKey();
     if (!branding) {
         return {};
     }
@@ -67,18 +85,31 @@ std::vector<std::wstring> ReadBrandingList() {
     return list;
 }
 
-/// The directory to clean, as it was registered; empty when key or value is missing.
+/// The directory to clean, as it is stored: an expandable text is not expanded. Empty when key or value is
+/// missing, when the value is no text or when it is longer than its room, for a cut path would name another
+/// directory.
 std::wstring ReadBrandingDirectory() {
-    const RegKey settings = RegKey::TryOpen(HKEY_LOCAL_MACHINE, kHXKey, KEY_READ);
-    return settings ? settings.GetString(L"", kBrandingDirectoryValue, false) : std::wstring();
+    // Kept: the key's own spelling here, with a trailing separator.
+    const RegKey settings =
+        RegKey::TryOpen(HKEY_LOCAL_MACHINE, std::wstring(kSettingsAppKey) + L"\\", KEY_READ);
+    // One more character than is read: the stored text need not be terminated.
+    wchar_t directory[kDirectoryCapacity + 1] = {};
+    DWORD size = kDirectoryCapacity * sizeof(wchar_t);
+    DWORD type = REG_NONE;
+    if (!settings || RegQueryValueExW(settings.Get(), kBrandingDirectoryValue, nullptr, &type,
+                                      reinterpret_cast<BYTE*>(directory), &size) != ERROR_SUCCESS) {
+        return {};
+    }
+    return type == REG_SZ || type == REG_EXPAND_SZ ? std::wstring(directory) : std::wstring();
 }
 
-/// True when the directory is a link to another one: what an ordinary user may have put in its place.
-bool IsLinkedDirectory(const std::wstring& directory) {
+/// True when the directory is a link to another one, which an ordinary user may have put in its place, or
+/// when that cannot be told.
+bool MayBeLink(const std::wstring& directory) {
     // Behind a trailing separator the platform looks through the link.
     const std::wstring name = directory.substr(0, directory.find_last_not_of(L"\\/") + 1);
     const DWORD attributes = GetFileAttributesW(name.c_str());
-    return attributes != INVALID_FILE_ATTRIBUTES && IsLink(attributes);
+    return attributes == INVALID_FILE_ATTRIBUTES || IsLink(attributes);
 }
 
 bool IsDotName(const std::wstring& name) { return name == L"." || name == L".."; }
@@ -133,7 +164,7 @@ void DeleteEntry(const std::wstring& entry) {
 UINT DeleteAllButBrandingContent() {
     const std::vector<std::wstring> brandingList = ReadBrandingList();
     const std::wstring directory = ReadBrandingDirectory();
-    if (!PathExists(directory) || IsLinkedDirectory(directory)) {
+    if (!PathExists(directory) || MayBeLink(directory)) {
         return ERROR_SUCCESS;
     }
     for (const std::wstring& entry : ListEntries(directory)) {

@@ -13,19 +13,18 @@
 #include "runtime/session.h"
 #include "runtime/system_info.h"
 #include "runtime/text.h"
+#include "services/settings_application.h"
 
 namespace corvi {
 namespace {
 
-// Where the command-line client is installed and what the older install proxy left, both below
-// HKEY_LOCAL_MACHINE.
-constexpr wchar_t kClientKey[] = L"SOFTWARE\\QEL\\ACE\\Packages\\Core-Static";
+// Where the command-line client is installed for a process under emulation, and what the older install
+// proxy left, both below HKEY_LOCAL_MACHINE.
 constexpr wchar_t kEmulatedClientKey[] = L"SOFTWARE\\Wow6432Node\\QEL\\ACE\\Packages\\Core-Static";
-constexpr wchar_t kLocationValue[] = L"Location";
 constexpr wchar_t kProxyInstallKey[] = L"SOFTWARE\\Wow6432Node\\QEL\\ACE\\Settings\\MOM\\Install";
 
 constexpr wchar_t kClientProgram[] = L"CLI.exe";
-/// Begins with a separator of its own: the path gets two in a row, as it always had.
+/// Begins with a separator of its own. Kept: the path gets two in a row.
 constexpr wchar_t kProxyFolder[] = L"\\MOM-InstallProxy-Net4";
 constexpr wchar_t kProxyProgram[] = L"MOM.InstallProxy.exe";
 
@@ -34,7 +33,7 @@ constexpr wchar_t kActionDataProperty[] = L"CustomActionData";
 constexpr size_t kDirectoryCapacity = 520;
 constexpr size_t kCommandLineCapacity = 520;
 
-/// DelInstallProxyKey turns the usual meaning around: packages rely on 1 for a deleted key.
+/// Kept: DelInstallProxyKey turns the usual meaning around.
 constexpr UINT kKeyDeleted = 1;
 constexpr UINT kKeyNotDeleted = 0;
 
@@ -63,7 +62,7 @@ void AskForSystemInformation() {
 
 /// Where the command-line client is installed. Throws RegKeyError when key or value is missing.
 std::wstring ReadClientLocation() {
-    const wchar_t* key = IsRunningUnderWow64() != 0 ? kEmulatedClientKey : kClientKey;
+    const wchar_t* key = IsRunningUnderWow64() != 0 ? kEmulatedClientKey : kCommandLineClientKey;
     return RegKey::Open(HKEY_LOCAL_MACHINE, key, KEY_READ).GetString(L"", kLocationValue, true);
 }
 
@@ -79,6 +78,8 @@ std::wstring ReadInstallDirectory(MSIHANDLE session) {
     return directory;
 }
 
+/// Without an install directory the path begins with two separators and so names a network share, on a
+/// machine called like the proxy's folder, which the platform is then asked for.
 std::wstring ProxyCommandLine(const std::wstring& installDirectory, const std::wstring& client) {
     const std::wstring proxyDirectory = WithTrailingSeparator(installDirectory) + kProxyFolder;
     const std::wstring proxy = WithTrailingSeparator(proxyDirectory) + kProxyProgram;
@@ -94,10 +95,20 @@ UINT RunInstallProxy(MSIHANDLE session) {
         return 0;
     }
     const std::wstring client = WithTrailingSeparator(location) + kClientProgram;
-    // The line speaks of a deletion, though nothing is deleted: logs have always read so.
+    // Kept: the line speaks of a deletion, though nothing is deleted.
     WriteInstallerLog(session, L"SABLE_CA DeleteFolder: %s \n", client.c_str());
     std::wstring commandLine = ProxyCommandLine(ReadInstallDirectory(session), client);
     return RunProcessAndWait(commandLine.data(), L"", true) ? 1 : 0;
+}
+
+/// Deletes the key alone: one with subkeys stays.
+UINT DeleteProxyInstallKey(MSIHANDLE session) {
+    WriteInstallerLog(session, L"SABLE_CA: DelInstallProxyKey  \n");
+    if (RegDeleteKeyW(HKEY_LOCAL_MACHINE, kProxyInstallKey) != ERROR_SUCCESS) {
+        return kKeyNotDeleted;
+    }
+    WriteInstallerLog(session, L"SABLE_CA: DelInstallProxyKey successfully  \n");
+    return kKeyDeleted;
 }
 
 }  // namespace
@@ -107,12 +118,7 @@ extern "C" {
 
 UINT __stdcall DelInstallProxyKey(MSIHANDLE session) {
     corvi::currentSession = session;
-    corvi::WriteInstallerLog(session, L"SABLE_CA: DelInstallProxyKey  \n");
-    if (RegDeleteKeyW(HKEY_LOCAL_MACHINE, corvi::kProxyInstallKey) != ERROR_SUCCESS) {
-        return corvi::kKeyNotDeleted;
-    }
-    corvi::WriteInstallerLog(session, L"SABLE_CA: DelInstallProxyKey successfully  \n");
-    return corvi::kKeyDeleted;
+    return corvi::BestEffort([&] { return corvi::DeleteProxyInstallKey(session); }, corvi::kKeyNotDeleted);
 }
 
 UINT __stdcall LaunchInstallProxyHX(MSIHANDLE session) {

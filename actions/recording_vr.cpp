@@ -34,7 +34,7 @@ constexpr wchar_t kTrackedValue[] = L"TAVODVR_Tracked";
 constexpr DWORD kRecordingEnabled = 1;
 constexpr DWORD kTracked = 1;
 
-/// TrackDVRAnalytics answers 1, not 0, when it has done its work: packages rely on it.
+/// Kept: TrackDVRAnalytics answers 1, not 0, when it has done its work.
 constexpr UINT kTrackingCreated = 1;
 constexpr UINT kTrackingNotCreated = 0;
 
@@ -105,9 +105,11 @@ bool IsRecordingEnabled(RegKey& install) {
     return true;
 }
 
-/// Creates the tracking key, once in the machine's life.
+/// Creates the tracking key, once in the machine's life: only when it is known to be missing.
 UINT CreateTrackingKey() {
-    if (RegKey::TryOpen(HKEY_LOCAL_MACHINE, kTrackingKey, KEY_READ)) {
+    LSTATUS status = ERROR_SUCCESS;
+    RegKey::TryOpen(HKEY_LOCAL_MACHINE, kTrackingKey, KEY_READ, &status);
+    if (status != ERROR_FILE_NOT_FOUND) {
         return kTrackingNotCreated;
     }
     HKEY created = nullptr;

@@ -16,19 +16,15 @@
 #include "runtime/registry.h"
 #include "runtime/session.h"
 #include "services/app_shutdown.h"
+#include "services/settings_application.h"
 
 namespace corvi {
 namespace {
 
-// What the settings application leaves on the machine; every key is below HKEY_LOCAL_MACHINE.
-constexpr wchar_t kHXNextKey[] = L"SOFTWARE\\QEL Technologies\\Install\\HXNext";
-constexpr wchar_t kCoreStaticKey[] = L"SOFTWARE\\QEL\\ACE\\Packages\\Core-Static";
-constexpr wchar_t kLocationValue[] = L"Location";
+// What the settings application leaves on the machine; the key is below HKEY_LOCAL_MACHINE.
 constexpr wchar_t kTavoKey[] = L"SOFTWARE\\TAVO";
 constexpr wchar_t kInstallSubkey[] = L"Install";
 constexpr wchar_t kHXSubkey[] = L"HX";
-constexpr wchar_t kContextMenuPackages[] = L"TavoCorporationInc-LSXCM*";
-constexpr wchar_t kChatPackages[] = L"TavoCorporationInc-LSXCMCHAT*";
 constexpr const wchar_t* kFirewallRules[] = {
     L"Lumen Software: Host Application",
     L"TAVO Revvo: Host Application",
@@ -55,7 +51,8 @@ constexpr UINT kNotDeleted = 1;
 /// backslash. Empty when key or value is missing.
 std::wstring GetHXNextLocation() {
     try {
-        return RegKey::Open(HKEY_LOCAL_MACHINE, kHXNextKey, KEY_READ).GetString(L"", kLocationValue, true);
+        return RegKey::Open(HKEY_LOCAL_MACHINE, kSettingsAppInstallKey, KEY_READ)
+            .GetString(L"", kLocationValue, true);
     } catch (...) {
         return {};
     }
@@ -159,12 +156,11 @@ UINT DeleteSettingsKeys(MSIHANDLE session) {
     return ERROR_SUCCESS;
 }
 
-UINT DeleteSlimInstallLocation() {
-    RegKey coreStatic = RegKey::Open(HKEY_LOCAL_MACHINE, kCoreStaticKey, KEY_ALL_ACCESS | KEY_WOW64_32KEY);
-    const std::wstring location = coreStatic.GetString(L"", kLocationValue, false);
-    coreStatic.Close();
-    DeleteFolder(location);
-    return ERROR_SUCCESS;
+/// Where the command-line client is installed; empty when its key names no directory. The key is closed
+/// again.
+std::wstring ReadSlimInstallLocation() {
+    return RegKey::Open(HKEY_LOCAL_MACHINE, kCommandLineClientKey, KEY_ALL_ACCESS | KEY_WOW64_32KEY)
+        .GetString(L"", kLocationValue, false);
 }
 
 UINT CloseAndDeleteApplication(MSIHANDLE session) {
@@ -212,7 +208,10 @@ UINT __stdcall DeleteHXNoUpgrade(MSIHANDLE session) {
 
 UINT __stdcall DeleteHXSlimINSTALLDIRFolder(MSIHANDLE session) {
     corvi::currentSession = session;
-    return corvi::LetRegistryErrorThrough([] { return corvi::DeleteSlimInstallLocation(); });
+    return corvi::LetRegistryErrorThrough([] {
+        corvi::DeleteFolder(corvi::ReadSlimInstallLocation());
+        return ERROR_SUCCESS;
+    });
 }
 
 UINT __stdcall DeleteHXFolder(MSIHANDLE session) {

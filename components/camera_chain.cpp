@@ -45,7 +45,7 @@ bool DeleteChain(MSIHANDLE session, const MachineValue& value) {
     return false;
 }
 
-// The result always goes to the chain value, even where the identifiers were read from the other one.
+// Kept: the chain value is written even where the identifiers were read from the other one.
 bool RewriteChain(MSIHANDLE session, const RegKey& key, std::vector<std::wstring> entries) {
     entries.erase(std::remove(entries.begin(), entries.end(), kSuiteIdentifier), entries.end());
     if (key.SetMultiString(kChainValue, entries)) {
@@ -84,7 +84,7 @@ void ListChainValues(const wchar_t* path, std::vector<std::wstring>& valuePaths)
 UINT RemoveDmftFromCameraChains(MSIHANDLE session) {
     UINT result = ERROR_SUCCESS;
     // Never emptied between the interface keys: what an earlier one held is worked on again, and a value
-    // that was deleted then cannot be read now. Installed packages rely on both.
+    // that was deleted then cannot be read now, which ends the action. Kept, both.
     std::vector<std::wstring> valuePaths;
     for (const wchar_t* path : kDeviceInterfaceKeys) {
         ListChainValues(path, valuePaths);
@@ -102,7 +102,7 @@ UINT RemoveDmftFromCameraChains(MSIHANDLE session) {
 extern "C" UINT __stdcall DeleteOPTXCameraGUID(MSIHANDLE session) {
     corvi::currentSession = session;
     return corvi::LetRegistryErrorThrough([&] {
-        // Installed packages rely on the inverted result.
+        // Kept: the result is inverted.
         return corvi::RemoveDmftFromCameraChains(session) == ERROR_SUCCESS
                    ? static_cast<UINT>(ERROR_INSTALL_FAILURE)
                    : static_cast<UINT>(ERROR_SUCCESS);

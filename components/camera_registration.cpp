@@ -67,7 +67,8 @@ bool UsesMediaSource(MSIHANDLE session, const std::wstring& mediaSourcePath) {
     }
     WriteInstallerLog(session, L"OS Version: %s-%s-%s", windows->groups.major.c_str(),
                       windows->groups.build.c_str(), windows->groups.revision.c_str());
-    return windows->isWindows11 && PathExists(mediaSourcePath);
+    // Without a file name the path is that of the directory, which is no media source.
+    return windows->isWindows11 && IsFile(mediaSourcePath);
 }
 
 UINT RegisterMediaSource(MSIHANDLE session, const std::wstring& dllName, const std::wstring& directory) {
@@ -94,6 +95,8 @@ UINT InstallCameraComponents(MSIHANDLE session) {
     WriteInstallerLog(session, L"Username %s", userName.c_str());
     WriteInstallerLog(session, L"VC Dll Name %s", mediaSourceName.c_str());
 
+    // Kept, and a trap: any user may replace the components from here on, and they are loaded with the
+    // installer's rights below and at the uninstall.
     GrantTreeToUsers(directory, userName, directory);
     if (UsesMediaSource(session, directory + mediaSourceName) &&
         RegisterMediaSource(session, mediaSourceName, directory) != ERROR_SUCCESS) {

@@ -16,6 +16,8 @@ constexpr wchar_t kSystemEnvironmentKey[] =
 constexpr wchar_t kSuiteFolderEntry[] = L"Windows\\System32\\TAVO;";
 constexpr UINT kBroadcastTimeoutMilliseconds = 100;
 
+// Reaches the windows of the calling process's own session. Run from a deferred action that is session 0,
+// which has no windows of users: their programs see the new path only after the next logon.
 void BroadcastEnvironmentChange() {
     SendMessageTimeoutW(HWND_BROADCAST, WM_SETTINGCHANGE, 0, reinterpret_cast<LPARAM>(L"Environment"),
                         SMTO_ABORTIFHUNG, kBroadcastTimeoutMilliseconds, nullptr);
@@ -30,8 +32,7 @@ void AddToSystemPath(const std::wstring& valueName, const std::wstring& entry) {
         return;
     }
     const std::wstring extended = entry + current;
-    // Plain text even where the value was expandable: its variables have been expanded by the reading,
-    // and installed packages rely on what they find.
+    // Kept: plain text even where the value was expandable. Its variables have been expanded by the reading.
     const LSTATUS written = environment.SetString(valueName, extended);
     if (written != ERROR_SUCCESS) {
         throw RegKeyError(written, UninstallWriteErrorText(valueName, extended));
@@ -39,7 +40,10 @@ void AddToSystemPath(const std::wstring& valueName, const std::wstring& entry) {
     BroadcastEnvironmentChange();
 }
 
-std::wstring SuitePathEntry() { return GetWindowsDriveRoot() + kSuiteFolderEntry; }
+std::wstring SuitePathEntry() {
+    const std::wstring root = GetWindowsDriveRoot();
+    return root.empty() ? root : root + kSuiteFolderEntry;
+}
 
 }  // namespace corvi
 

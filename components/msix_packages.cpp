@@ -24,7 +24,6 @@ constexpr wchar_t kContextMenuFolder[] = L"Program Files\\ContextMenuDemo\\";
 constexpr wchar_t kContextMenuCertificate[] = L"MyKey.cer";
 constexpr wchar_t kContextMenuPackage[] = L"PhotoStoreDemoPkg.msix";
 
-constexpr wchar_t kChatPackagePattern[] = L"TavoCorporationInc-LSXCMCHAT*";
 constexpr wchar_t kChatKey[] = L"SOFTWARE\\TAVO\\HX\\Chat";
 constexpr wchar_t kChatInstallPathValue[] = L"InstallPath";
 constexpr wchar_t kChatDataPathValue[] = L"DataPath";
@@ -60,7 +59,7 @@ void DeleteRecordedChatFolders(MSIHANDLE session) {
 
 UINT RemoveChat(MSIHANDLE session) {
     ExitHXApplication();
-    const int removed = RemoveAppxPackage(session, kChatPackagePattern);
+    const int removed = RemoveAppxPackage(session, kChatPackages);
     WriteInstallerLog(session, L"UninstallTAVOChat: Exit code for LSX CM CHAT MSIX Package uninstall: %d \n",
                       removed);
     DeleteRecordedChatFolders(session);
@@ -82,6 +81,8 @@ int AddAppxPackage(const std::wstring& packagePath) {
 
 int RemoveAppxPackage(MSIHANDLE session, const std::wstring& familyPattern) {
     const std::wstring directory = GetWindowsDriveRoot() + kPowerShellDirectory;
+    // Kept: the pipe is not quoted, so that the command interpreter takes it for one of its own and the
+    // second half never reaches PowerShell.
     const std::wstring command = directory + L"\\powershell.exe Get-AppxPackage -AllUsers " + familyPattern +
                                  L" | Remove-AppxPackage -AllUsers";
     WriteInstallerLog(session, L"removeAPPXPackage: cmd: %s - cwd:%s \n", command.c_str(), directory.c_str());

@@ -251,6 +251,11 @@ bool IsDirectory(const std::wstring& path) {
     return HasAttributes(attributes) && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
 }
 
+bool IsFile(const std::wstring& path) {
+    const DWORD attributes = TargetAttributes(path);
+    return HasAttributes(attributes) && (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0;
+}
+
 std::wstring ParentPath(const std::wstring& path) {
     size_t root = RootNameLength(path);
     while (root < path.size() && IsPathSeparator(path[root])) {

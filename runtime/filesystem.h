@@ -21,6 +21,9 @@ bool PathExists(const std::wstring& path);
 /// True when path names an existing directory.
 bool IsDirectory(const std::wstring& path);
 
+/// True when path names an existing file.
+bool IsFile(const std::wstring& path);
+
 /// The path without its last element and the separators before it; "\" and "/" both separate and the
 /// root is kept. Pure text: quotes and arguments are not understood. "C:\a\b.exe" gives "C:\a",
 /// "C:\b.exe" gives "C:\", "b.exe" gives an empty text.

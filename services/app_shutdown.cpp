@@ -12,15 +12,12 @@
 #include "runtime/process.h"
 #include "runtime/registry.h"
 #include "runtime/text.h"
+#include "services/settings_application.h"
 
 namespace corvi {
 namespace {
 
-constexpr wchar_t kSettingsAppKey[] = L"SOFTWARE\\QEL Technologies\\Install\\HXNext";
 constexpr wchar_t kRecordingServerKey[] = L"SOFTWARE\\QEL Technologies\\Install\\TAVO DVR";
-// ExitHXApplication's own spelling of the settings application's key.
-constexpr wchar_t kSettingsAppKeyForExit[] = L"SOFTWARE\\QEL Technologies\\Install\\HXNext\\";
-constexpr wchar_t kLocationValue[] = L"Location";
 
 constexpr wchar_t kSettingsAppTool[] = L"hxcmd.exe";
 constexpr wchar_t kRecordingServerTool[] = L"LSServCmd.exe";
@@ -31,7 +28,7 @@ constexpr const wchar_t* kSettingsAppImages[] = {L"LumenSettings.exe", L"LumenSo
 constexpr wchar_t kRecordingServerImage[] = L"TAVOLSServ.exe";
 
 // The key is closed again before anything is started.
-std::wstring ReadLocation(const wchar_t* keyPath, REGSAM access) {
+std::wstring ReadLocation(const std::wstring& keyPath, REGSAM access) {
     return RegKey::Open(HKEY_LOCAL_MACHINE, keyPath, access).GetString(L"", kLocationValue, true);
 }
 
@@ -56,8 +53,8 @@ std::wstring KillCommand(const std::wstring& toolPath, const wchar_t* imageName)
     return L"\"" + toolPath + L"\" /IM " + imageName + L" /F";
 }
 
-// Packages were written against both oddities: the quote behind /F, and the command itself as current
-// directory, a directory that does not exist, so that the platform refuses to start the tool.
+// Kept, both: the quote behind /F, and the command itself as current directory. There is no such directory,
+// so the platform refuses to start the tool and nothing is ended.
 void KillSettingsAppImage(const std::wstring& toolPath, const wchar_t* imageName) {
     const std::wstring command = KillCommand(toolPath, imageName) + L"\"";
     RunFromCommandBuffer(command, command, true);
@@ -67,7 +64,9 @@ void KillSettingsAppImage(const std::wstring& toolPath, const wchar_t* imageName
 
 void ExitHXApplication() noexcept {
     BestEffort([] {
-        const std::wstring location = ReadLocation(kSettingsAppKeyForExit, kReadWriteAccess);
+        // Kept: this helper's own spelling of the key, with a trailing separator.
+        const std::wstring location =
+            ReadLocation(std::wstring(kSettingsAppInstallKey) + L"\\", kReadWriteAccess);
         // One more separator even behind a location that ends in one.
         ShellExecuteAndWait(location + L"\\" + kSettingsAppTool, kExitArgument, kExitLimitMilliseconds);
         return ERROR_SUCCESS;
@@ -79,8 +78,9 @@ void ExitHXApplication() noexcept {
 extern "C" {
 
 UINT __stdcall ShutDownPQRNext(MSIHANDLE /*session*/) {
-    return corvi::LetRegistryErrorThrough(
-        [] { return corvi::AskToExit(corvi::kSettingsAppKey, corvi::kSettingsAppTool, &corvi::PathExists); });
+    return corvi::LetRegistryErrorThrough([] {
+        return corvi::AskToExit(corvi::kSettingsAppInstallKey, corvi::kSettingsAppTool, &corvi::PathExists);
+    });
 }
 
 UINT __stdcall ShutDownDVR(MSIHANDLE /*session*/) {

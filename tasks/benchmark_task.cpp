@@ -11,6 +11,7 @@
 #include "runtime/registry.h"
 #include "runtime/session.h"
 #include "runtime/text.h"
+#include "services/settings_application.h"
 #include "tasks/install_location.h"
 #include "tasks/schtasks.h"
 #include "tasks/task_file.h"
@@ -23,13 +24,13 @@ constexpr wchar_t kTaskFile[] = L"StartHXBM.xml";
 constexpr wchar_t kProgram[] = L"hxcmd.exe";
 constexpr wchar_t kArgument[] = L"benchmark";
 
-constexpr wchar_t kSettingsKey[] = L"SOFTWARE\\TAVO\\HX";
 constexpr wchar_t kGateValue[] = L"GiBenchmark";
 constexpr wchar_t kGateClosed[] = L"1";
 
-// The key is closed again before the text is looked at.
+// The user's key is closed again before the gate is tested.
 std::wstring ReadGate() {
-    return RegKey::Open(HKEY_CURRENT_USER, kSettingsKey, kReadWriteAccess).GetString(L"", kGateValue, true);
+    return RegKey::Open(HKEY_CURRENT_USER, kSettingsAppKey, kReadWriteAccess)
+        .GetString(L"", kGateValue, true);
 }
 
 // Kept: the gate's text is taken for the name of a file first, so that it closes only where a file "1"

@@ -1,18 +1,13 @@
 #include "tasks/install_location.h"
 
 #include "runtime/registry.h"
+#include "services/settings_application.h"
 
 namespace corvi {
-namespace {
-
-constexpr wchar_t kInstallKey[] = L"SOFTWARE\\QEL Technologies\\Install\\HXNext";
-constexpr wchar_t kLocationValue[] = L"Location";
-
-}  // namespace
 
 std::wstring ReadInstallLocation() {
-    const RegKey key = RegKey::Open(HKEY_LOCAL_MACHINE, kInstallKey, kReadWriteAccess);
-    return key.GetString(std::wstring(), kLocationValue, true);
+    const RegKey key = RegKey::Open(HKEY_LOCAL_MACHINE, kSettingsAppInstallKey, kReadWriteAccess);
+    return key.GetString(L"", kLocationValue, true);
 }
 
 std::wstring InstalledProgram(const std::wstring& location, const std::wstring& fileName) {

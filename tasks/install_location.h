@@ -11,7 +11,7 @@ namespace corvi {
 std::wstring ReadInstallLocation();
 
 /// The path of a program in the install location. A backslash is always put between the two, so a
-/// location that ends in one gives a doubled one; the registered tasks have always held it that way.
+/// location that ends in one gives a doubled one. Kept: the registered task shows it.
 std::wstring InstalledProgram(const std::wstring& location, const std::wstring& fileName);
 
 }  // namespace corvi

@@ -12,6 +12,7 @@
 #include "runtime/registry.h"
 #include "runtime/session.h"
 #include "runtime/text.h"
+#include "services/settings_application.h"
 #include "tasks/install_location.h"
 #include "tasks/schtasks.h"
 #include "tasks/task_file.h"
@@ -30,7 +31,6 @@ struct LogonTask {
 constexpr LogonTask kSettingsApplication = {L"StartHX", L"StartHX.xml", L"hxcmd.exe", L"startwithdelay"};
 constexpr LogonTask kRecordingServer = {L"StartDVR", L"StartDVR.xml", L"LSServCmd.exe", L""};
 
-constexpr wchar_t kSettingsKey[] = L"SOFTWARE\\TAVO\\HX";
 constexpr wchar_t kBrandingValue[] = L"LazeStart";
 constexpr DWORD kStartedByBranding = 1;
 
@@ -48,8 +48,8 @@ bool CreateLogonTask(const LogonTask& task) {
         return false;
     }
     const std::wstring taskFile = WithTrailingSeparator(location) + task.taskFile;
-    // The task is created from the installed file. The copy with its working directory set only stays
-    // behind in the directory for temporary files, where it has always been left.
+    // The task is created from the installed file. Kept: the copy with its working directory set is made
+    // all the same and stays behind in the directory for temporary files, where nothing reads it.
     RewriteTaskFile(taskFile, RewrittenCopy(task), location);
     CreateTaskFromFile(task.name, taskFile, location);
     ChangeTaskProgram(task.name, InstalledProgram(location, task.program), task.arguments, location);
@@ -62,7 +62,7 @@ UINT CreateSettingsApplicationTask(MSIHANDLE session) {
     const bool created = CreateLogonTask(kSettingsApplication);
     WriteInstallerLog(session, created ? L"StartHX Scheduled task creation is successful"
                                        : L"StartHX Scheduled task creation failed");
-    // The line has always been written, and the shell always notified, on every version of Windows.
+    // Kept: line and notification on every version of Windows, whatever the line says.
     WriteInstallerLog(session, L"Win 11 only code");
     SHChangeNotify(SHCNE_ASSOCCHANGED, SHCNF_IDLIST, nullptr, nullptr);
     return CreationResult(created);
@@ -70,7 +70,7 @@ UINT CreateSettingsApplicationTask(MSIHANDLE session) {
 
 // True when the branding has taken over starting the settings application: only a 32-bit 1 says so.
 bool IsStartedByBranding() {
-    const RegKey key = RegKey::TryOpen(HKEY_LOCAL_MACHINE, kSettingsKey, KEY_READ);
+    const RegKey key = RegKey::TryOpen(HKEY_LOCAL_MACHINE, kSettingsAppKey, KEY_READ);
     if (!key) {
         return false;
     }

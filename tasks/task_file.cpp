@@ -28,7 +28,7 @@ constexpr wchar_t kOpenDestinationFailed[] = L"Error creating file writer";
 constexpr wchar_t kCreateReaderFailed[] = L"Error creating xml reader";
 constexpr wchar_t kCreateInputFailed[] = L"Error creating xml reader with encoding code page";
 constexpr wchar_t kCreateWriterFailed[] = L"Error creating xml writer";
-// The writer's output has always been reported in the reader's words.
+// Kept: a failure of the writer's output is told in the reader's words.
 constexpr const wchar_t* kCreateOutputFailed = kCreateInputFailed;
 constexpr wchar_t kSetInputFailed[] = L"Error setting input for reader";
 constexpr wchar_t kSetOutputFailed[] = L"Error setting output for writer";
@@ -248,7 +248,7 @@ tm StartOfNextDay() {
     return LocalTime(std::mktime(&midnight) + kSecondsOfDay);
 }
 
-// The task scheduler has always been given the numbers without leading zeros.
+// Kept: the numbers have no leading zeros.
 std::wstring BoundaryText(const tm& start) {
     const std::wstring date = std::to_wstring(start.tm_year + 1900) + L'-' +
                               std::to_wstring(start.tm_mon + 1) + L'-' + std::to_wstring(start.tm_mday);

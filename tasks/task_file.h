@@ -6,14 +6,19 @@
 
 namespace corvi {
 
-// Task files are copied node by node through the platform's XML reader and writer, with the text of one
-// element replaced. The element's first text node after its start tag is the one that is replaced, even
-// if a comment or another element's start tag stands before it; an element without text stays without.
-// The copy is UTF-16; the source is read as UTF-16, whatever it declares. A step that fails ends the
-// copy, with one message on standard output that names the step; what was written by then stays.
+// Task files are copied node by node through the platform's XML reader and writer, with one text replaced:
+// the first text node behind a start tag of the named element, comments and further start tags between the
+// two notwithstanding, so it may belong to an element inside. An empty element (<a/>) between the two, or
+// the end of the named element, ends the search; the next start tag of that name begins it again. An
+// element without text stays without.
+// The reader is told that the source is UTF-16, whatever that declares; what it makes of another encoding
+// is the platform's matter. The copy is UTF-16 with a byte-order mark. A failing step ends the copy with
+// one message on standard output that names the step; a source that cannot be read or understood any
+// further ends it without one. What was written by then stays.
 //
-// source, destination: paths, the destination is overwritten. The result is the HRESULT of the last
-// step: S_FALSE after a complete copy, the reader's word for the end of its input.
+// source, destination: paths. A source that cannot be opened leaves the destination alone, else it is
+// overwritten. The result is that of the last step: S_FALSE after a complete copy, the reader's word for
+// the end of its input.
 
 /// Copies a task file with the text of "WorkingDirectory" replaced by workingDirectory as given.
 HRESULT RewriteTaskFile(const std::wstring& source, const std::wstring& destination,

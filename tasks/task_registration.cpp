@@ -81,12 +81,11 @@ unsigned Failure(const wchar_t* format, HRESULT result) {
 }
 
 HRESULT SaveTask(ITaskFolder& folder, const std::wstring& taskName, const std::wstring& xml,
-                 const std::wstring& userName) {
+                 const std::wstring& userName, ComPtr<IRegisteredTask>& task) {
     const Bstr path = MakeBstr(taskName);
     const Bstr text = MakeBstr(xml);
     const Bstr user = MakeBstr(userName);
     const Bstr noDescriptor = MakeBstr(std::wstring());
-    ComPtr<IRegisteredTask> task;
     return folder.RegisterTask(path.Get(), text.Get(), TASK_CREATE_OR_UPDATE, TextVariant(user),
                                EmptyVariant(), TASK_LOGON_INTERACTIVE_TOKEN, TextVariant(noDescriptor),
                                task.ReleaseAndGetAddressOf());
@@ -110,7 +109,9 @@ unsigned RegisterInRootFolder(const std::wstring& taskName, const std::wstring& 
     if (FAILED(result)) {
         return Failure(L"Cannot get Root Folder pointer: 0x%x", result);
     }
-    result = SaveTask(*folder.Get(), taskName, xml, userName);
+    // Released, like the others, when the outcome has been logged.
+    ComPtr<IRegisteredTask> task;
+    result = SaveTask(*folder.Get(), taskName, xml, userName, task);
     if (FAILED(result)) {
         return Failure(L"Error saving the Task : 0x%x", result);
     }
