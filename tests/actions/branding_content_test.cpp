@@ -34,6 +34,11 @@ protected:
         tavo_.SetText(L"HX", L"HXBrandingInstallDir", directory);
     }
 
+    void RegisterExpandable(const std::wstring& directory) const {
+        tavo_.SetValue(L"HX", L"HXBrandingInstallDir", REG_EXPAND_SZ, directory.c_str(),
+                       (directory.size() + 1) * sizeof(wchar_t));
+    }
+
     void Retain(const std::wstring& text) const { branding_.SetText(L"", L"Content", text); }
 
     UINT Call() const { return library_.Call("DeleteandRetainValues", session_.Handle()); }
@@ -270,6 +275,139 @@ TEST_F(BrandingContent, ABrandingKeyThatCannotBeReadToTheEndKeepsEverything) {
                });
     EXPECT_EQ(Call(), 0U);
     ExpectAllLeft();
+}
+
+// Registered by a package, the directory usually has no trailing separator; content is retained by the path
+// that an administrator writes.
+TEST_F(BrandingContent, WholePathsMatchBelowADirectoryRegisteredWithoutTrailingSeparator) {
+    folder_.MakeFile(L"install\\Partner\\again.png");
+    Retain(L"C:\\hx\\install\\Partner");
+    branding_.SetText(L"", L"Second", L"C:\\hx\\install\\app.exe");
+    EXPECT_EQ(Call(), 0U);
+    ExpectLeft({L"Partner", L"app.exe"});
+    EXPECT_TRUE(folder_.Has(L"install\\Partner\\again.png"));
+}
+
+TEST_F(BrandingContent, AnExpandableDirectoryIsTakenAsItIsStored) {
+    SetEnvironmentVariableW(L"CORVI_BRANDING", L"C:\\hx\\install");
+    RegisterExpandable(L"%CORVI_BRANDING%");
+    EXPECT_EQ(Call(), 0U);
+    ExpectAllLeft();
+    RegisterExpandable(L"C:\\hx\\install");
+    EXPECT_EQ(Call(), 0U);
+    ExpectLeft({});
+    SetEnvironmentVariableW(L"CORVI_BRANDING", nullptr);
+}
+
+TEST_F(BrandingContent, ADirectoryOfAnotherTypeThanATextIsNone) {
+    const std::wstring directory = L"C:\\hx\\install";
+    const size_t size = (directory.size() + 1) * sizeof(wchar_t);
+    for (const DWORD type : {REG_BINARY, REG_NONE, REG_MULTI_SZ, REG_LINK}) {
+        tavo_.SetValue(L"HX", L"HXBrandingInstallDir", type, directory.c_str(), size);
+        EXPECT_EQ(Call(), 0U) << type;
+        ExpectAllLeft();
+    }
+}
+
+TEST_F(BrandingContent, ADirectoryWithoutTerminatorCounts) {
+    const std::wstring directory = L"C:\\hx\\install";
+    tavo_.SetValue(L"HX", L"HXBrandingInstallDir", REG_SZ, (directory + L"!").c_str(),
+                   directory.size() * sizeof(wchar_t));
+    EXPECT_EQ(Call(), 0U);
+    ExpectLeft({});
+}
+
+// Cut to its room it would name another directory.
+TEST_F(BrandingContent, ADirectoryThatIsLongerThanItsRoomIsNone) {
+    const std::wstring slashes(259 - wcslen(L"C:\\hx\\install"), L'\\');
+    RegisterDirectory(L"C:\\hx" + slashes + L"\\install\\");
+    EXPECT_EQ(Call(), 0U);
+    ExpectAllLeft();
+    RegisterDirectory(L"C:\\hx" + slashes + L"\\install");
+    EXPECT_EQ(Call(), 0U);
+    // The folders go; the path of the file is longer than the room for it.
+    ExpectLeft({L"app.exe"});
+}
+
+TEST_F(BrandingContent, TheDirectoryIsReadInto520Bytes) {
+    std::vector<DWORD> sizes;
+    ImportHooks hooks(library_.Module());
+    CORVI_HOOK(hooks, RegQueryValueExW,
+               [&](HKEY key, LPCWSTR name, LPDWORD reserved, LPDWORD type, LPBYTE data, LPDWORD size) {
+                   if (name == std::wstring(L"HXBrandingInstallDir")) {
+                       sizes.push_back(*size);
+                   }
+                   return RegQueryValueExW(key, name, reserved, type, data, size);
+               });
+    EXPECT_EQ(Call(), 0U);
+    EXPECT_THAT(sizes, ElementsAre(520U));
+}
+
+TEST_F(BrandingContent, ABrandingKeyThatCannotBeOpenedKeepsEverything) {
+    Retain(L"C:\\hx\\install\\Partner");
+    ImportHooks hooks(library_.Module());
+    for (const LSTATUS refusal : {ERROR_ACCESS_DENIED, ERROR_NOT_ENOUGH_MEMORY, ERROR_KEY_DELETED}) {
+        CORVI_HOOK(hooks, RegOpenKeyExW,
+                   [&](HKEY root, LPCWSTR key, DWORD options, REGSAM access, PHKEY opened) -> LSTATUS {
+                       return key == branding_.Path() ? refusal
+                                                      : RegOpenKeyExW(root, key, options, access, opened);
+                   });
+        EXPECT_EQ(Call(), 0U);
+        ExpectAllLeft();
+    }
+}
+
+TEST_F(BrandingContent, ABrandingValueWhoseTypeCannotBeAskedKeepsEverything) {
+    Retain(L"C:\\hx\\install\\Partner");
+    ImportHooks hooks(library_.Module());
+    CORVI_HOOK(hooks, RegQueryValueExW,
+               [&](HKEY key, LPCWSTR name, LPDWORD reserved, LPDWORD type, LPBYTE data, LPDWORD size) {
+                   return name == std::wstring(L"Content")
+                              ? ERROR_ACCESS_DENIED
+                              : RegQueryValueExW(key, name, reserved, type, data, size);
+               });
+    EXPECT_EQ(Call(), 0U);
+    ExpectAllLeft();
+}
+
+TEST_F(BrandingContent, ABrandingValueThatCannotBeReadKeepsEverything) {
+    Retain(L"C:\\hx\\install\\Partner");
+    ImportHooks hooks(library_.Module());
+    CORVI_HOOK(hooks, RegGetValueW, [](HKEY, LPCWSTR, LPCWSTR, DWORD, LPDWORD, PVOID, LPDWORD) -> LSTATUS {
+        return ERROR_ACCESS_DENIED;
+    });
+    EXPECT_EQ(Call(), 0U);
+    ExpectAllLeft();
+}
+
+TEST_F(BrandingContent, ADirectoryOfWhichNobodyCanTellWhetherItIsALinkIsNotEntered) {
+    int asked = 0;
+    ImportHooks hooks(library_.Module());
+    CORVI_HOOK(hooks, GetFileAttributesW, [&](LPCWSTR path) -> DWORD {
+        // The first question is whether it exists.
+        if (++asked == 1) {
+            return GetFileAttributesW(path);
+        }
+        SetLastError(ERROR_ACCESS_DENIED);
+        return INVALID_FILE_ATTRIBUTES;
+    });
+    EXPECT_EQ(Call(), 0U);
+    EXPECT_GE(asked, 2);
+    ExpectAllLeft();
+}
+
+// Wine lets any handle do anything; Windows does not.
+TEST_F(BrandingContent, BothKeysAreOpenedForReading) {
+    std::vector<std::pair<std::wstring, REGSAM>> opened;
+    ImportHooks hooks(library_.Module());
+    CORVI_HOOK(hooks, RegOpenKeyExW, [&](HKEY root, LPCWSTR key, DWORD options, REGSAM access, PHKEY result) {
+        EXPECT_EQ(root, HKEY_LOCAL_MACHINE);
+        opened.emplace_back(key, access);
+        return RegOpenKeyExW(root, key, options, access, result);
+    });
+    EXPECT_EQ(Call(), 0U);
+    EXPECT_THAT(opened, ElementsAre(std::make_pair(L"SOFTWARE\\TAVOBranding", REGSAM{KEY_READ}),
+                                    std::make_pair(L"SOFTWARE\\TAVO\\HX\\", REGSAM{KEY_READ})));
 }
 
 TEST_F(BrandingContent, ErrorsAreCaught) {

@@ -65,6 +65,13 @@ TEST_F(InstallProxyKey, IsDeletedByItsFullPath) {
     EXPECT_EQ(library_.Call("DelInstallProxyKey", session_.Handle()), 0U);
 }
 
+TEST_F(InstallProxyKey, AnyErrorGivesZero) {
+    ImportHooks hooks(library_.Module());
+    CORVI_HOOK(hooks, RegDeleteKeyW, [](HKEY, LPCWSTR) -> LSTATUS { throw std::bad_alloc(); });
+    EXPECT_EQ(library_.Call("DelInstallProxyKey", session_.Handle()), 0U);
+    EXPECT_THAT(session_.LogLines(), ElementsAre(kFirstLine));
+}
+
 // ---- LaunchInstallProxyHX
 
 const std::wstring kCoreStatic = L"ACE\\Packages\\Core-Static";
@@ -160,6 +167,30 @@ TEST_F(InstallProxy, AMissingLocationDirectoryGivesZeroWithoutALine) {
     EXPECT_EQ(Call(), 0U);
     EXPECT_THAT(runs_.Runs(), IsEmpty());
     EXPECT_THAT(session_.LogLines(), IsEmpty());
+}
+
+TEST_F(InstallProxy, WithoutActionDataThePathOfTheProxyNamesANetworkShare) {
+    RegisterLocation(L"C:\\proxy\\client");
+    ImportHooks hooks(library_.Module());
+    RefuseStarts(hooks);
+    EXPECT_EQ(Call(), 0U);
+    EXPECT_THAT(refused_, ElementsAre(L"\"\\\\MOM-InstallProxy-Net4\\MOM.InstallProxy.exe\" Install "
+                                      L"C:\\proxy\\client\\CLI.exe"));
+    EXPECT_THAT(session_.LogLines(), ElementsAre(ClientLine(L"C:\\proxy\\client\\CLI.exe")));
+}
+
+TEST_F(InstallProxy, TheKeyOfTheClientIsOpenedForReading) {
+    RegisterLocation(L"C:\\proxy\\no such folder");
+    std::vector<std::pair<std::wstring, REGSAM>> opened;
+    ImportHooks hooks(library_.Module());
+    CORVI_HOOK(hooks, RegOpenKeyExW, [&](HKEY root, LPCWSTR key, DWORD options, REGSAM access, PHKEY result) {
+        EXPECT_EQ(root, HKEY_LOCAL_MACHINE);
+        opened.emplace_back(key, access);
+        return RegOpenKeyExW(root, key, options, access, result);
+    });
+    EXPECT_EQ(Call(), 0U);
+    EXPECT_THAT(opened,
+                ElementsAre(std::make_pair(L"SOFTWARE\\QEL\\ACE\\Packages\\Core-Static", REGSAM{KEY_READ})));
 }
 
 TEST_F(InstallProxy, AMissingKeyGivesZeroWithoutAnError) {

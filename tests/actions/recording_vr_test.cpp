@@ -173,6 +173,27 @@ TEST_F(RecordingAndVR, DeleteWVRFolderWorksWithoutTheSettingsApplication) {
     EXPECT_FALSE(folder_.Has(L"suite"));
 }
 
+TEST_F(RecordingAndVR, TheKeysOfTheVRActionsAreOpenedForReading) {
+    RegisterVR(L"C:\\vr\\suite\\");
+    RegisterSteamVR(L"C:\\vr\\steam");
+    std::vector<std::pair<std::wstring, REGSAM>> opened;
+    ImportHooks hooks(library_.Module());
+    CORVI_HOOK(hooks, RegOpenKeyExW, [&](HKEY root, LPCWSTR key, DWORD options, REGSAM access, PHKEY result) {
+        EXPECT_EQ(root, HKEY_LOCAL_MACHINE);
+        // That of the settings application has tests of its own.
+        if (std::wstring(key).find(L"HXNext") == std::wstring::npos) {
+            opened.emplace_back(key, access);
+        }
+        return RegOpenKeyExW(root, key, options, access, result);
+    });
+    EXPECT_EQ(Call("UnRegisterWVR"), 0U);
+    EXPECT_EQ(Call("DeleteWVRFolder"), 0U);
+    constexpr wchar_t kVRKey[] = L"SOFTWARE\\QEL Technologies\\Install\\WVR64";
+    EXPECT_THAT(opened, ElementsAre(std::make_pair(kVRKey, REGSAM{KEY_READ}),
+                                    std::make_pair(kSteamVRKey, REGSAM{KEY_READ}),
+                                    std::make_pair(kVRKey, REGSAM{KEY_READ})));
+}
+
 // ---- UnRegisterWVR
 
 TEST_F(RecordingAndVR, UnRegisterWVRRunsSteamVRsToolWithTheQuotedDriverFolder) {
@@ -321,6 +342,19 @@ TEST_F(RecordingAnalytics, ATrackingKeyThatCannotBeCreatedGivesZero) {
                });
     EXPECT_EQ(Call(), 0U);
     EXPECT_FALSE(tracking_.Exists());
+}
+
+TEST_F(RecordingAnalytics, ATrackingKeyThatCannotBeLookedAtIsLeftAsItIs) {
+    Enable(1);
+    tracking_.SetNumber(L"", L"TAVODVR_Tracked", 7);
+    ImportHooks hooks(library_.Module());
+    CORVI_HOOK(hooks, RegOpenKeyExW,
+               [&](HKEY root, LPCWSTR key, DWORD options, REGSAM access, PHKEY opened) -> LSTATUS {
+                   return key == tracking_.Path() ? ERROR_ACCESS_DENIED
+                                                  : RegOpenKeyExW(root, key, options, access, opened);
+               });
+    EXPECT_EQ(Call(), 0U);
+    EXPECT_EQ(tracking_.Bytes(L"TAVODVR_Tracked"), (std::vector<BYTE>{7, 0, 0, 0}));
 }
 
 TEST_F(RecordingAnalytics, TheInstallKeyIsOpenedWithFullAccess) {

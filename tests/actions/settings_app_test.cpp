@@ -216,6 +216,19 @@ TEST_F(SparsePackageAssets, TheRegisteredLocationComesBeforeTheActionData) {
 }
 
 // The names behind the location alone would mean the root of the current drive.
+TEST_F(SparsePackageAssets, TheKeyIsOpenedForReading) {
+    std::vector<std::pair<std::wstring, REGSAM>> opened;
+    ImportHooks hooks(library_.Module());
+    CORVI_HOOK(hooks, RegOpenKeyExW, [&](HKEY root, LPCWSTR key, DWORD options, REGSAM access, PHKEY result) {
+        EXPECT_EQ(root, HKEY_LOCAL_MACHINE);
+        opened.emplace_back(key, access);
+        return RegOpenKeyExW(root, key, options, access, result);
+    });
+    EXPECT_EQ(Call("DeleteHXSparsePackageAssets"), 0U);
+    EXPECT_THAT(opened, ElementsAre(std::make_pair(L"SOFTWARE\\QEL Technologies\\Install\\HXNext",
+                                                   REGSAM{KEY_READ})));
+}
+
 TEST_F(SparsePackageAssets, WithoutAnyLocationNothingIsDeletedInTheRootOfTheDrive) {
     const TestFolder assets(L"Assets");
     const TestFolder strings(L"Strings");

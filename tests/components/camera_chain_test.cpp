@@ -11,6 +11,7 @@
 #include "tests/support/import_hooks.h"
 #include "tests/support/installer_session.h"
 #include "tests/support/library.h"
+#include "tests/support/platform.h"
 
 namespace corvi::test {
 namespace {
@@ -144,22 +145,19 @@ TEST_F(CameraChain, SuiteTwiceLeavesAnEmptyChain) {
     EXPECT_EQ(ReadStored(once_, kChain), Chain({}, 1));
 }
 
-TEST_F(CameraChain, ValueWithoutDataIsDeleted) {
-    Store(once_, kChain, REG_MULTI_SZ, L"");
-    EXPECT_EQ(Call(), 1603U);
-    EXPECT_EQ(ReadStored(once_, kChain), std::nullopt);
-}
-
-TEST_F(CameraChain, EmptyListCountsAsOneEntryAndIsRewritten) {
-    Store(once_, kChain, REG_MULTI_SZ, std::wstring(1, L'\0'));
-    EXPECT_EQ(Call(), 1603U);
-    EXPECT_EQ(ReadStored(once_, kChain), Chain({}, 1));
-}
-
-TEST_F(CameraChain, TwoTerminatorsCountAsTwoEntriesAndAreDeleted) {
-    Store(once_, kChain, REG_MULTI_SZ, std::wstring(2, L'\0'));
-    EXPECT_EQ(Call(), 1603U);
-    EXPECT_EQ(ReadStored(once_, kChain), std::nullopt);
+// Each terminator that the platform hands over ends an entry: none or two are deleted, one is rewritten.
+TEST_F(CameraChain, ListsWithoutIdentifiersAreDeletedOrRewrittenByTheTerminatorsHandedOver) {
+    for (const size_t terminators : {size_t{0}, size_t{1}, size_t{2}, size_t{3}}) {
+        const std::wstring stored(terminators, L'\0');
+        Store(once_, kChain, REG_MULTI_SZ, stored);
+        const std::wstring handedOver = MultiStringHandedOver(stored);
+        EXPECT_EQ(Call(), 1603U);
+        EXPECT_EQ(ReadStored(once_, kChain),
+                  handedOver.empty() || handedOver.size() == 2
+                      ? std::nullopt
+                      : std::optional<StoredValue>(StoredValue{REG_MULTI_SZ, handedOver + L'\0'}))
+            << terminators << " stored, " << handedOver.size() << " handed over";
+    }
 }
 
 TEST_F(CameraChain, ClassValueIsReadAndTheChainValueWritten) {
@@ -273,6 +271,28 @@ TEST_F(CameraChain, KeyThatCannotBeOpenedForTheEditEndsTheAction) {
     const auto [code, text] = RegistryErrorOf([this] { Call(); });
     EXPECT_EQ(code, ERROR_ACCESS_DENIED);
     EXPECT_THAT(text, testing::StartsWith("Unable to open registry key"));
+}
+
+// Wine lets any handle write; Windows does not.
+TEST_F(CameraChain, KeyOfAChainIsOpenedForReadingAndWritingAndTheInterfaceKeysForReading) {
+    StoreChain(once_, {kSuite, kOther});
+    std::vector<std::pair<std::wstring, REGSAM>> opened;
+    ImportHooks hooks(library_.Module());
+    CORVI_HOOK(hooks, RegOpenKeyExW,
+               [&](HKEY root, LPCWSTR key, DWORD options, REGSAM access, PHKEY result) -> LSTATUS {
+                   const std::wstring path = key;
+                   if (path == once_ && (access & KEY_SET_VALUE) != 0) {
+                       opened.emplace_back(L"chain", access);
+                   } else if (path == kCameraKey || path == kCaptureKey || path == kVideoKey) {
+                       opened.emplace_back(L"interface", access);
+                   }
+                   return RegOpenKeyExW(root, key, options, access, result);
+               });
+    EXPECT_EQ(Call(), 1603U);
+    EXPECT_THAT(opened, ElementsAre(std::make_pair(L"interface", REGSAM{KEY_READ}),
+                                    std::make_pair(L"interface", REGSAM{KEY_READ}),
+                                    std::make_pair(L"interface", REGSAM{KEY_READ}),
+                                    std::make_pair(L"chain", REGSAM{0x2001F})));
 }
 
 TEST_F(CameraChain, FailedDeletionIsLoggedGivesZeroAndTheNextValueFollows) {

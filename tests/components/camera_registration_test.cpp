@@ -366,6 +366,30 @@ TEST_F(SetPermissionsRegisterDll, Windows11WithFailingMediaSourceGives1603AndLea
     EXPECT_TRUE(IsPathExtended());
 }
 
+TEST_F(SetPermissionsRegisterDll, EmptyMediaSourceNameRegistersTheServerOnly) {
+    session_.SetActionData(
+        L"InstallDir=C:\\corvi\\cameras\\;DLLName=OptxServer.dll;Username=Installer;VCDLLName=");
+    EXPECT_EQ(Install(), 0U);
+    EXPECT_THAT(RegistrationCommands(), ElementsAre(Unregistering(kServer), Registering(kServer)));
+    EXPECT_THAT(Lines().back(), L"OS Version: 10-22631-2861");
+    EXPECT_TRUE(components_.IsRegistered(kServer));
+}
+
+TEST_F(SetPermissionsRegisterDll, FolderOfTheMediaSourcesNameRegistersTheServerOnly) {
+    fs::remove(kDirectory + kMedia);
+    fs::create_directory(kDirectory + kMedia);
+    EXPECT_EQ(Install(), 0U);
+    EXPECT_THAT(RegistrationCommands(), ElementsAre(Unregistering(kServer), Registering(kServer)));
+}
+
+TEST_F(SetPermissionsRegisterDll, AnUnknownWindowsDirectoryLeavesThePathAsItIs) {
+    ImportHooks hooks(library_.Module());
+    CORVI_HOOK(hooks, GetWindowsDirectoryW, [](LPWSTR, UINT) -> UINT { return 0; });
+    EXPECT_EQ(Install(), 0U);
+    EXPECT_TRUE(components_.IsRegistered(kServer));
+    EXPECT_EQ(Path(), L"C:\\windows");
+}
+
 TEST_F(SetPermissionsRegisterDll, Windows11WithFailingServerGives1603) {
     components_.Script(kServer, L"register", E_FAIL);
     EXPECT_EQ(Install(), 1603U);
@@ -544,6 +568,15 @@ TEST_F(UnregisterDll, FailedScanIsLoggedAndChangesNoResult) {
 TEST_F(UnregisterDll, Windows11WithoutTheMediaSourceFileUnregistersTheServer) {
     RegisterBoth();
     fs::remove(kDirectory + kMedia);
+    EXPECT_EQ(Uninstall(), 0U);
+    EXPECT_THAT(started_.All(), ElementsAre(StartedCommand{Unregistering(kServer), kDirectory}));
+    EXPECT_FALSE(components_.IsRegistered(kServer));
+}
+
+TEST_F(UnregisterDll, EmptyMediaSourceNameUnregistersTheServer) {
+    RegisterBoth();
+    session_.SetActionData(
+        L"InstallDir=C:\\corvi\\cameras\\;DLLName=OptxServer.dll;Username=Installer;VCDLLName=");
     EXPECT_EQ(Uninstall(), 0U);
     EXPECT_THAT(started_.All(), ElementsAre(StartedCommand{Unregistering(kServer), kDirectory}));
     EXPECT_FALSE(components_.IsRegistered(kServer));

@@ -217,6 +217,42 @@ TEST(SuitePathEntry, StandsOnTheWindowsDriveWhateverTheWindowsDirectoryIsCalled)
     EXPECT_EQ(SuitePathEntry(), L"E:\\Windows\\System32\\TAVO;");
 }
 
+TEST_F(SystemPath, AnUnknownWindowsDirectoryAddsNothing) {
+    StoreText(kEnvironment, kPath, L"C:\\windows", REG_EXPAND_SZ);
+    for (const UINT answer : {0U, 300U}) {
+        CORVI_HOOK(hooks_, GetWindowsDirectoryW, [=](LPWSTR, UINT) -> UINT { return answer; });
+        EXPECT_EQ(Call(), 0U);
+        EXPECT_EQ(Path(), (StoredValue{REG_EXPAND_SZ, std::wstring(L"C:\\windows") + L'\0'}));
+    }
+    EXPECT_TRUE(broadcasts_.empty());
+}
+
+// Wine lets any handle write; Windows does not.
+TEST_F(SystemPath, KeyIsOpenedForReadingAndWriting) {
+    StoreText(kEnvironment, kPath, L"C:\\windows");
+    std::vector<REGSAM> masks;
+    CORVI_HOOK(hooks_, RegOpenKeyExW,
+               [&](HKEY root, LPCWSTR key, DWORD options, REGSAM access, PHKEY opened) -> LSTATUS {
+                   EXPECT_EQ(root, HKEY_LOCAL_MACHINE);
+                   EXPECT_STREQ(key, kEnvironment);
+                   masks.push_back(access);
+                   return RegOpenKeyExW(root, key, options, access, opened);
+               });
+    EXPECT_EQ(Call(), 0U);
+    EXPECT_EQ(masks, (std::vector<REGSAM>{0x2001F}));
+}
+
+TEST_F(SystemPath, KeyIsClosedAfterTheBroadcast) {
+    StoreText(kEnvironment, kPath, L"C:\\windows");
+    size_t broadcastsAtClose = 0;
+    CORVI_HOOK(hooks_, RegCloseKey, [&](HKEY key) -> LSTATUS {
+        broadcastsAtClose = broadcasts_.size();
+        return RegCloseKey(key);
+    });
+    EXPECT_EQ(Call(), 0U);
+    EXPECT_EQ(broadcastsAtClose, 1U);
+}
+
 TEST(AddToSystemPath, TakesAnyValueAndEntry) {
     const KeptValue kept(kEnvironment, L"CorviModules");
     StoreText(kEnvironment, L"CorviModules", L"D:\\modules");

@@ -320,6 +320,42 @@ TEST_F(ChatRemoval, KeyIsClosedBeforeItIsDeleted) {
     EXPECT_FALSE(openAtDeletion);
 }
 
+// Wine lets any handle do anything; Windows does not.
+TEST_F(ChatRemoval, KeyIsOpenedForReading) {
+    chat_.Create();
+    std::vector<REGSAM> masks;
+    ImportHooks hooks(library_.Module());
+    CORVI_HOOK(hooks, RegOpenKeyExW,
+               [&](HKEY root, LPCWSTR key, DWORD options, REGSAM access, PHKEY opened) -> LSTATUS {
+                   if (key == std::wstring(kChatKey)) {
+                       EXPECT_EQ(root, HKEY_LOCAL_MACHINE);
+                       masks.push_back(access);
+                   }
+                   return RegOpenKeyExW(root, key, options, access, opened);
+               });
+    EXPECT_EQ(Call(), 0U);
+    EXPECT_THAT(masks, ElementsAre(REGSAM{KEY_READ}));
+}
+
+TEST_F(ChatRemoval, FolderWhosePathCannotBeReadStaysAndSoDoesTheOneBehindIt) {
+    const std::wstring install = MakeFolder(L"install");
+    const std::wstring data = MakeFolder(L"data");
+    StoreText(kChatKey, L"InstallPath", install);
+    StoreText(kChatKey, L"DataPath", data);
+    ImportHooks hooks(library_.Module());
+    CORVI_HOOK(hooks, RegGetValueW,
+               [](HKEY key, LPCWSTR subkey, LPCWSTR name, DWORD flags, LPDWORD type, PVOID value,
+                  LPDWORD size) -> LSTATUS {
+                   return name == std::wstring(L"InstallPath")
+                              ? ERROR_ACCESS_DENIED
+                              : RegGetValueW(key, subkey, name, flags, type, value, size);
+               });
+    EXPECT_EQ(Call(), 0U);
+    EXPECT_TRUE(fs::exists(install));
+    EXPECT_TRUE(fs::exists(data));
+    EXPECT_FALSE(KeyExists(kChatKey));
+}
+
 TEST_F(ChatRemoval, SettingsApplicationIsAskedToExitFirst) {
     tools_.StandInFor(L"C:\\corvi\\hx\\hxcmd.exe");
     StoreText(kSettingsAppKey, L"Location", L"C:\\corvi\\hx");

@@ -217,6 +217,33 @@ TEST_F(Benchmark, BothKeysAreOpenedForReadingAndWriting) {
     EXPECT_EQ(masks, (std::vector<REGSAM>{0x2001F, 0x2001F}));
 }
 
+TEST_F(Benchmark, EachKeyIsClosedBeforeAnythingIsTested) {
+    ImportHooks hooks(library_.Module());
+    std::vector<std::string> steps;
+    CORVI_HOOK(hooks, RegOpenKeyExW,
+               [&](HKEY root, LPCWSTR path, DWORD options, REGSAM access, PHKEY key) -> LSTATUS {
+                   steps.emplace_back("open");
+                   return RegOpenKeyExW(root, path, options, access, key);
+               });
+    CORVI_HOOK(hooks, RegCloseKey, [&](HKEY key) -> LSTATUS {
+        steps.emplace_back("close");
+        return RegCloseKey(key);
+    });
+    CORVI_HOOK(hooks, GetFileAttributesW, [&](LPCWSTR path) -> DWORD {
+        steps.emplace_back("test");
+        return GetFileAttributesW(path);
+    });
+    suite_.SetLocation(L"C:\\corvi\\gone");
+    EXPECT_EQ(Call(), 0U);
+    EXPECT_EQ(steps, (std::vector<std::string>{"open", "close", "test", "open", "close", "test"}));
+}
+
+TEST_F(RecordedBenchmark, AGateIsReadWholeWhateverItsLength) {
+    SetGate(L"1" + std::wstring(600, L' '));
+    EXPECT_EQ(Call(), 0U);
+    EXPECT_EQ(recorder_.WaitForRuns(2).size(), 2U);
+}
+
 TEST_F(Benchmark, TheRealTaskExistsAfterwardsAndTheRemovalDeletesIt) {
     EXPECT_EQ(Call(), 0U);
     EXPECT_TRUE(TaskExists(L"StartHXBM"));

