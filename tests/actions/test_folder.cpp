@@ -23,8 +23,8 @@ void RunHostTool(const std::wstring& tool, const std::wstring& arguments, Done d
                        &startup, &process) == FALSE) {
         throw std::runtime_error("cannot run a tool of the host: " + std::to_string(GetLastError()));
     }
-    CloseHandle(process.hProcess);
-    CloseHandle(process.hThread);
+    // Nothing is closed: for a program of the host Wine makes neither process nor thread, and what it leaves
+    // in the structure is whatever its stack held. Closed, it may be somebody else's handle: the registry's.
     for (int attempt = 0; !done(); ++attempt) {
         if (attempt == 2000) {
             throw std::runtime_error("a tool of the host did not do its work");
