@@ -193,7 +193,7 @@ std::wstring NewGuidText() {
 void EnsureMachineGuid() {
     const std::wstring newGuid = NewGuidText();
     const RegKey key = RegKey::TryOpen(HKEY_LOCAL_MACHINE, kTuepKey, KEY_READ);
-    const bool hasGuid = key && key.QueryText(kGuidValue, kShortValueBytes).has_value();
+    const bool hasGuid = key && key.CanQuery(kGuidValue, kShortValueBytes);
     if (!hasGuid && !newGuid.empty()) {
         WriteMachineString(kTuepKey, kGuidValue, newGuid);
     }

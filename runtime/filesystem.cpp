@@ -9,6 +9,7 @@
 #include "runtime/kernel_handle.h"
 #include "runtime/process.h"
 #include "runtime/session.h"
+#include "runtime/text.h"
 #include "runtime/tree_walk.h"
 
 namespace corvi {
@@ -200,17 +201,9 @@ void RemoveFolder(const std::wstring& path) {
     }
 }
 
-std::wstring WidenSystemText(const char* text) {
-    const int size = MultiByteToWideChar(CP_ACP, 0, text, -1, nullptr, 0);
-    std::wstring wide(static_cast<size_t>(std::max(size, 1)), L'\0');
-    MultiByteToWideChar(CP_ACP, 0, text, -1, wide.data(), size);
-    wide.pop_back();
-    return wide;
-}
-
 void ReportDeleteFailure(const std::wstring& path, const char* description) noexcept {
     try {
-        WriteInstallerLog(cleanupSession, kDeleteFailed, path.c_str(), WidenSystemText(description).c_str());
+        WriteInstallerLog(cleanupSession, kDeleteFailed, path.c_str(), Widen(description, CP_ACP).c_str());
     } catch (...) {
         // No memory for the line; the installer drops it anyway.
     }

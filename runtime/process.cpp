@@ -7,12 +7,12 @@
 #include <cwchar>
 #include <iterator>
 #include <optional>
-#include <vector>
 
 #include "runtime/installer_log.h"
 #include "runtime/kernel_handle.h"
 #include "runtime/known_paths.h"
 #include "runtime/session.h"
+#include "runtime/text.h"
 
 namespace corvi {
 namespace {
@@ -124,15 +124,7 @@ void CollectOutput(HANDLE readEnd, DWORD waiting, std::string& collected) {
 // The output up to its first zero byte, from the console's code page.
 std::wstring WidenConsoleText(const std::string& output) {
     const UINT consolePage = GetConsoleOutputCP();
-    const UINT codePage = consolePage != 0 ? consolePage : GetOEMCP();
-    const int size = MultiByteToWideChar(codePage, 0, output.c_str(), -1, nullptr, 0);
-    if (size <= 0) {
-        return {};
-    }
-    std::vector<wchar_t> wide(static_cast<size_t>(size), L'\0');
-    MultiByteToWideChar(codePage, 0, output.c_str(), -1, wide.data(), size);
-    wide.back() = L'\0';
-    return wide.data();
+    return Widen(output.c_str(), consolePage != 0 ? consolePage : GetOEMCP());
 }
 
 // Reads until the child has ended. True when it ended, false when the pipe could not be asked. The exit

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "runtime/text.h"
+
 namespace corvi {
 namespace {
 
@@ -24,15 +26,13 @@ void CutToBytes(std::wstring& buffer, DWORD byteCount) {
     buffer.resize(std::min<size_t>(byteCount / sizeof(wchar_t), buffer.size()));
 }
 
-/// The text that a read of byteCount bytes left in a buffer, up to its first terminator.
-std::wstring TextIn(std::wstring buffer, DWORD byteCount) {
-    CutToBytes(buffer, byteCount);
+/// The text in a buffer, up to its first terminator.
+std::wstring TextIn(std::wstring buffer) {
     buffer.resize(std::min(buffer.find(L'\0'), buffer.size()));
     return buffer;
 }
 
-/// Splits at every terminator, empty pieces included. Data that does not end in a terminator keeps its
-/// last piece.
+/// Splits at every terminator, empty pieces included. What stands behind the last one is dropped.
 std::vector<std::wstring> SplitAtTerminators(const std::wstring& data) {
     std::vector<std::wstring> pieces;
     std::wstring piece;
@@ -44,18 +44,42 @@ std::vector<std::wstring> SplitAtTerminators(const std::wstring& data) {
             piece += character;
         }
     }
-    if (!piece.empty()) {
-        pieces.push_back(std::move(piece));
-    }
     return pieces;
 }
 
-std::string Narrow(const std::wstring& text) {
-    const int length = static_cast<int>(std::min<size_t>(text.size(), kUninstallTextCapacity));
-    const int size = WideCharToMultiByte(CP_ACP, 0, text.data(), length, nullptr, 0, nullptr, nullptr);
-    std::string narrow(static_cast<size_t>(std::max(size, 0)), '\0');
-    WideCharToMultiByte(CP_ACP, 0, text.data(), length, narrow.data(), size, nullptr, nullptr);
-    return narrow;
+/// The beginning of a text, as much of it as the uninstall error has room for.
+std::string Narrowed(const std::wstring& text) {
+    return Narrow(text.substr(0, kUninstallTextCapacity), CP_ACP);
+}
+
+/// What RegGetValueW gave for a value.
+struct ValueRead {
+    LSTATUS sizing = ERROR_SUCCESS;
+    LSTATUS reading = ERROR_SUCCESS;
+    std::wstring data;
+};
+
+/// Reads a text value of any length. The platform ends texts itself that are stored without terminators, and
+/// then wants more room than it said; a value may also grow between two calls.
+ValueRead ReadValue(HKEY key, const std::wstring& subkey, const std::wstring& valueName, DWORD type) {
+    constexpr DWORD kAddedTerminators = 2 * sizeof(wchar_t);
+    const auto get = [&](wchar_t* data, DWORD& size) {
+        return RegGetValueW(key, subkey.c_str(), valueName.c_str(), type, nullptr, data, &size);
+    };
+    ValueRead read;
+    DWORD needed = 0;
+    read.sizing = get(nullptr, needed);
+    DWORD room = 0;
+    DWORD size = 0;
+    do {
+        room = needed + kAddedTerminators;
+        size = room;
+        read.data = BufferForBytes(room);
+        read.reading = get(read.data.data(), size);
+        needed = size;
+    } while (read.reading == ERROR_MORE_DATA && needed > room);
+    CutToBytes(read.data, size);
+    return read;
 }
 
 /// Collects count names of at most longest characters; enumerate is called with index, buffer and its
@@ -70,6 +94,17 @@ std::vector<std::wstring> CollectNames(DWORD count, DWORD longest, Enumerate enu
         names.emplace_back(buffer.data(), std::min(length, longest));
     }
     return names;
+}
+
+/// Opens or creates a key. Gives the platform's result; without success key stays empty.
+LSTATUS CreateKey(HKEY root, const std::wstring& subkey, REGSAM access, RegKey& key) {
+    HKEY created = nullptr;
+    const LSTATUS status = RegCreateKeyExW(root, subkey.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE, access,
+                                           nullptr, &created, nullptr);
+    if (status == ERROR_SUCCESS) {
+        key = RegKey(created);
+    }
+    return status;
 }
 
 }  // namespace
@@ -114,42 +149,55 @@ RegKey RegKey::TryOpen(HKEY root, const std::wstring& subkey, REGSAM access, LST
     return RegKey(result == ERROR_SUCCESS ? key : nullptr);
 }
 
+RegKey RegKey::Create(HKEY root, const std::wstring& subkey, REGSAM access) {
+    RegKey key;
+    ThrowIfFailed(CreateKey(root, subkey, access, key), kCreateKeyFailed);
+    return key;
+}
+
+RegKey RegKey::TryCreate(HKEY root, const std::wstring& subkey, REGSAM access) {
+    RegKey key;
+    CreateKey(root, subkey, access, key);
+    return key;
+}
+
 RegKey RegKey::OpenOrCreate(HKEY root, const std::wstring& subkey) {
     if (RegKey existing = TryOpen(root, subkey, KEY_ALL_ACCESS)) {
         return existing;
     }
-    HKEY key = nullptr;
-    const LSTATUS result = RegCreateKeyExW(root, subkey.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE,
-                                           KEY_SET_VALUE, nullptr, &key, nullptr);
-    return RegKey(result == ERROR_SUCCESS ? key : nullptr);
+    return TryCreate(root, subkey, KEY_SET_VALUE);
 }
 
 std::wstring RegKey::GetString(const std::wstring& subkey, const std::wstring& valueName,
-                               bool throwOnError) const {
-    DWORD size = 0;
-    const LSTATUS sizing =
-        RegGetValueW(key_, subkey.c_str(), valueName.c_str(), RRF_RT_REG_SZ, nullptr, nullptr, &size);
-    std::wstring text = BufferForBytes(size);
-    const LSTATUS reading =
-        RegGetValueW(key_, subkey.c_str(), valueName.c_str(), RRF_RT_REG_SZ, nullptr, text.data(), &size);
-    if (reading != ERROR_SUCCESS) {
-        if (throwOnError) {
-            // Callers know the error by the code of the sizing call, even where only the read failed.
-            throw RegKeyError(sizing, kGetValueFailed);
-        }
-        return {};
+                               Unreadable unreadable) const {
+    ValueRead read = ReadValue(key_, subkey, valueName, RRF_RT_REG_SZ);
+    if (read.reading == ERROR_SUCCESS) {
+        return TextIn(std::move(read.data));
     }
-    return TextIn(std::move(text), size);
+    if (unreadable == Unreadable::Throws) {
+        // Kept: the code is that of the sizing call, even where only the read failed.
+        throw RegKeyError(read.sizing, kGetValueFailed);
+    }
+    return {};
 }
 
 std::optional<std::wstring> RegKey::QueryText(const std::wstring& valueName, DWORD capacityBytes) const {
     std::wstring text = BufferForBytes(capacityBytes);
+    DWORD type = REG_NONE;
     DWORD size = capacityBytes;
-    if (RegQueryValueExW(key_, valueName.c_str(), nullptr, nullptr, reinterpret_cast<BYTE*>(text.data()),
-                         &size) != ERROR_SUCCESS) {
+    if (RegQueryValueExW(key_, valueName.c_str(), nullptr, &type, reinterpret_cast<BYTE*>(text.data()),
+                         &size) != ERROR_SUCCESS ||
+        (type != REG_SZ && type != REG_EXPAND_SZ)) {
         return std::nullopt;
     }
-    return TextIn(std::move(text), size);
+    CutToBytes(text, size);
+    return TextIn(std::move(text));
+}
+
+bool RegKey::CanQuery(const std::wstring& valueName, DWORD capacityBytes) const {
+    std::vector<BYTE> data(capacityBytes);
+    DWORD size = capacityBytes;
+    return RegQueryValueExW(key_, valueName.c_str(), nullptr, nullptr, data.data(), &size) == ERROR_SUCCESS;
 }
 
 DWORD RegKey::GetDword(const std::wstring& valueName) const {
@@ -161,15 +209,10 @@ DWORD RegKey::GetDword(const std::wstring& valueName) const {
 }
 
 std::vector<std::wstring> RegKey::GetMultiString(const std::wstring& valueName) const {
-    DWORD size = 0;
-    ThrowIfFailed(RegGetValueW(key_, L"", valueName.c_str(), RRF_RT_REG_MULTI_SZ, nullptr, nullptr, &size),
-                  kGetValueFailed);
-    std::wstring data = BufferForBytes(size);
-    ThrowIfFailed(
-        RegGetValueW(key_, L"", valueName.c_str(), RRF_RT_REG_MULTI_SZ, nullptr, data.data(), &size),
-        kGetValueFailed);
-    CutToBytes(data, size);
-    return SplitAtTerminators(data);
+    const ValueRead read = ReadValue(key_, L"", valueName, RRF_RT_REG_MULTI_SZ);
+    ThrowIfFailed(read.sizing, kGetValueFailed);
+    ThrowIfFailed(read.reading, kGetValueFailed);
+    return SplitAtTerminators(read.data);
 }
 
 bool RegKey::SetMultiString(const std::wstring& valueName, const std::vector<std::wstring>& strings) const {
@@ -217,9 +260,14 @@ std::vector<std::wstring> RegKey::EnumValues() const {
 }
 
 std::string UninstallWriteErrorText(const std::wstring& valueName, const std::wstring& data) {
-    const std::string text = "Unable to write to uninstall registry for value = " + Narrow(valueName) +
-                             " data = " + Narrow(data) + ".";
+    const std::string text = "Unable to write to uninstall registry for value = " + Narrowed(valueName) +
+                             " data = " + Narrowed(data) + ".";
     return text.substr(0, kUninstallTextCapacity - 1);
+}
+
+std::wstring ReadMachineText(const std::wstring& key, const std::wstring& valueName) {
+    const RegKey source = RegKey::TryOpen(HKEY_LOCAL_MACHINE, key, KEY_READ);
+    return source ? source.GetString(L"", valueName, Unreadable::IsEmpty) : std::wstring();
 }
 
 bool WriteMachineString(const std::wstring& key, const std::wstring& valueName, const std::wstring& text) {

@@ -28,6 +28,9 @@ inline constexpr char kEnumerateFailed[] = "Unable to get enumerate subkeys";
 /// enumerate, notify, read control.
 inline constexpr REGSAM kReadWriteAccess = KEY_READ | KEY_SET_VALUE | KEY_CREATE_SUB_KEY;
 
+/// What a read does when there is nothing of its type to read.
+enum class Unreadable { Throws, IsEmpty };
+
 /// Owns one open registry key and closes it in its destructor. Movable, not copyable.
 class RegKey {
 public:
@@ -48,6 +51,14 @@ public:
     /// receives the platform's result.
     static RegKey TryOpen(HKEY root, const std::wstring& subkey, REGSAM access, LSTATUS* status = nullptr);
 
+    /// Opens root\subkey with the access mask or creates it (non-volatile) through RegCreateKeyExW. root: a
+    /// predefined key or an open one. Throws RegKeyError with the returned code and "Unable to get create
+    /// registry key".
+    static RegKey Create(HKEY root, const std::wstring& subkey, REGSAM access);
+
+    /// The same without throwing: an empty RegKey when the key can be neither opened nor created.
+    static RegKey TryCreate(HKEY root, const std::wstring& subkey, REGSAM access);
+
     /// Opens root\subkey with KEY_ALL_ACCESS or, failing that, creates it (non-volatile) with
     /// KEY_SET_VALUE. An empty RegKey when neither works; nothing is thrown.
     static RegKey OpenOrCreate(HKEY root, const std::wstring& subkey);
@@ -57,22 +68,32 @@ public:
     void Close() noexcept;
 
     /// Reads a REG_SZ value (an expandable one arrives expanded) of this key or of the subkey below it
-    /// (empty: this key), up to its first terminator. When it cannot be read: throws RegKeyError
-    /// "Unable to get registry value" if throwOnError is set, else gives an empty text. The error
-    /// carries the code of the first, sizing RegGetValueW call.
+    /// (empty: this key) of any length, up to its first terminator. When it cannot be read: throws
+    /// RegKeyError "Unable to get registry value" or gives an empty text. The error carries the code of
+    /// the first, sizing RegGetValueW call, which may be 0.
     std::wstring GetString(const std::wstring& subkey, const std::wstring& valueName,
-                           bool throwOnError) const;
+                           Unreadable unreadable) const;
+    std::wstring GetString(const std::wstring& subkey, const std::wstring& valueName,
+                           bool throwOnError) const {
+        return GetString(subkey, valueName, throwOnError ? Unreadable::Throws : Unreadable::IsEmpty);
+    }
 
-    /// Reads a value of any type as a text, up to its first terminator, by one RegQueryValueExW with room
-    /// for capacityBytes. Nothing when it cannot be read or does not fit; throws nothing for that.
+    /// Reads a REG_SZ or REG_EXPAND_SZ value of this key as it is stored, unexpanded, up to its first
+    /// terminator, by one RegQueryValueExW with room for capacityBytes. Nothing when it cannot be read, does
+    /// not fit or has another type; throws nothing for that.
     std::optional<std::wstring> QueryText(const std::wstring& valueName, DWORD capacityBytes) const;
+
+    /// True when a value of this key, of any type, can be read by one RegQueryValueExW with room for
+    /// capacityBytes.
+    bool CanQuery(const std::wstring& valueName, DWORD capacityBytes) const;
 
     /// Reads a REG_DWORD value. Throws RegKeyError "Unable to get registry value".
     DWORD GetDword(const std::wstring& valueName) const;
 
-    /// Reads a REG_MULTI_SZ value, split at every terminator up to the end of the data, empty pieces
-    /// included: "a", "b" gives three entries, the last one empty. Callers count on that. Throws
-    /// RegKeyError "Unable to get registry value".
+    /// Reads a REG_MULTI_SZ value of any length, split at every terminator that the platform hands over,
+    /// empty pieces included: "a", "b" gives three entries, the last one empty. Callers count on that. What
+    /// stands behind the last terminator is dropped; the platform may end a list itself that is stored
+    /// without its terminators. Throws RegKeyError "Unable to get registry value".
     std::vector<std::wstring> GetMultiString(const std::wstring& valueName) const;
 
     /// Writes a REG_MULTI_SZ value: each string followed by one terminator, then one more. True when
@@ -99,6 +120,10 @@ private:
 /// The error text of a failed write of an uninstall entry: "Unable to write to uninstall registry for
 /// value = %ls data = %ls.", cut to 259 bytes. Shared by AddToSystemPath.
 std::string UninstallWriteErrorText(const std::wstring& valueName, const std::wstring& data);
+
+/// Reads a REG_SZ value below HKEY_LOCAL_MACHINE (an expandable one arrives expanded), opened with KEY_READ.
+/// Empty when the key cannot be opened or the value cannot be read.
+std::wstring ReadMachineText(const std::wstring& key, const std::wstring& valueName);
 
 /// Writes one REG_SZ value below HKEY_LOCAL_MACHINE: opens the key with KEY_ALL_ACCESS or creates it
 /// with KEY_SET_VALUE. True when the value was written.

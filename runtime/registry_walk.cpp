@@ -1,13 +1,13 @@
 #include "runtime/registry_walk.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cwchar>
 #include <functional>
 #include <unordered_set>
 #include <utility>
 
 #include "runtime/registry.h"
+#include "runtime/standard_output.h"
 #include "runtime/text.h"
 
 namespace corvi {
@@ -119,8 +119,7 @@ private:
             return;
         }
         if (root_ == nullptr) {
-            std::fputws(kNullRootTrace, stdout);
-            std::fflush(stdout);
+            WriteStandardOutput(kNullRootTrace);
             return;
         }
         // A name that holds a terminator cannot be opened; cut there, it would name another key.

@@ -37,7 +37,7 @@ Position EndOfDigits(Position start, Position end) { return std::find_if_not(sta
 
 std::wstring GetWindowsVersion() {
     const DWORD major = OpenVersionKey().GetDword(L"CurrentMajorVersionNumber");
-    const std::wstring build = OpenVersionKey().GetString(L"", L"CurrentBuild", true);
+    const std::wstring build = OpenVersionKey().GetString(L"", L"CurrentBuild", Unreadable::Throws);
     const DWORD revision = OpenVersionKey().GetDword(L"UBR");
     return std::to_wstring(major) + L"." + build + L"." + std::to_wstring(revision);
 }

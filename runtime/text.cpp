@@ -35,6 +35,24 @@ std::wstring FormatBounded(size_t capacity, const wchar_t* format, ...) {
     return buffer.data();
 }
 
+std::wstring Widen(std::string_view text, UINT codePage) {
+    const auto length = static_cast<int>(text.size());
+    const int size = MultiByteToWideChar(codePage, 0, text.data(), length, nullptr, 0);
+    std::wstring wide(static_cast<size_t>(std::max(size, 0)), L'\0');
+    wide.resize(static_cast<size_t>(
+        std::max(MultiByteToWideChar(codePage, 0, text.data(), length, wide.data(), size), 0)));
+    return wide;
+}
+
+std::string Narrow(std::wstring_view text, UINT codePage) {
+    const auto length = static_cast<int>(text.size());
+    const int size = WideCharToMultiByte(codePage, 0, text.data(), length, nullptr, 0, nullptr, nullptr);
+    std::string narrow(static_cast<size_t>(std::max(size, 0)), '\0');
+    narrow.resize(static_cast<size_t>(std::max(
+        WideCharToMultiByte(codePage, 0, text.data(), length, narrow.data(), size, nullptr, nullptr), 0)));
+    return narrow;
+}
+
 std::wstring Bounded(const std::wstring& text, size_t capacity) { return text.substr(0, capacity - 1); }
 
 }  // namespace corvi

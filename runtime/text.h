@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include <string>
+#include <string_view>
 
 namespace corvi {
 
@@ -19,6 +20,14 @@ std::wstring WithTrailingSeparator(std::wstring directory);
 /// A bounded wide print: the formatted text, cut to at most capacity - 1 characters (capacity counts
 /// the terminator). Wide strings are "%ls" in format, never "%s". Stands on _vsnwprintf.
 std::wstring FormatBounded(size_t capacity, const wchar_t* format, ...);
+
+/// The text in a code page as a wide text, the whole of it, zero characters included. Empty when the platform
+/// cannot convert it. Stands on MultiByteToWideChar.
+std::wstring Widen(std::string_view text, UINT codePage);
+
+/// The wide text in a code page, the whole of it; what the code page lacks becomes its default character.
+/// Empty when the platform cannot convert it. Stands on WideCharToMultiByte.
+std::string Narrow(std::wstring_view text, UINT codePage);
 
 /// The text cut to at most capacity - 1 characters, as a copy into a buffer of capacity characters
 /// keeps it.
