@@ -14,6 +14,9 @@ else()
   target_compile_options(corvi_product_options INTERFACE
     $<$<COMPILE_LANGUAGE:CXX>:-g;-ffunction-sections;-fdata-sections;-fstack-protector-strong>)
   target_link_options(corvi_product_options INTERFACE -fstack-protector-strong)
+  # The same commit gives the same bytes wherever it is built: no folder of this machine in the symbols.
+  add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-ffile-prefix-map=${CMAKE_BINARY_DIR}=build>
+                      $<$<COMPILE_LANGUAGE:CXX>:-ffile-prefix-map=${CMAKE_SOURCE_DIR}=.>)
   # The optimised build is for size: the installer writes the DLL out for every single call.
   target_compile_options(corvi_product_options INTERFACE
     $<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CONFIG:Release>>:-Os;-D_FORTIFY_SOURCE=2>)

@@ -1,14 +1,14 @@
 # Corvi_CA.dll: one self-contained file, and its symbols in a second one beside it.
 configure_file(actions/vendor_site.h.in generated/actions/vendor_site.h @ONLY)
-configure_file(actions/Corvi_CA.rc.in generated/Corvi_CA.rc @ONLY)
 
-add_library(Corvi_CA SHARED actions/Corvi_CA.def ${CMAKE_BINARY_DIR}/generated/Corvi_CA.rc)
+add_library(Corvi_CA SHARED actions/Corvi_CA.def)
+corvi_version_resource(Corvi_CA VFT_DLL "Windows Installer custom actions" Corvi_CA.dll)
 target_link_libraries(Corvi_CA PRIVATE corvi_core)
 set_target_properties(Corvi_CA PROPERTIES
   PREFIX "" RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/unstripped)
 if(NOT MSVC)
   target_link_options(Corvi_CA PRIVATE
-    -static -Wl,--dynamicbase,--nxcompat,--high-entropy-va,--gc-sections,--exclude-all-symbols)
+    -static -Wl,--dynamicbase,--nxcompat,--high-entropy-va,--gc-sections,--exclude-all-symbols,--no-insert-timestamp)
   set(finished ${CORVI_OUTPUT_DIRECTORY}/Corvi_CA.dll)
   add_custom_command(TARGET Corvi_CA POST_BUILD
     COMMAND ${CMAKE_OBJCOPY} --only-keep-debug $<TARGET_FILE:Corvi_CA> ${finished}.debug

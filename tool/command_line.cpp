@@ -8,6 +8,7 @@
 
 #include "tool/console.h"
 #include "tool/verbs.h"
+#include "version_text.h"
 
 namespace corvi::tool {
 namespace {
@@ -123,7 +124,7 @@ int ParseAndRun(std::vector<std::string> arguments) {
     program.formatter(std::make_shared<HelpText>());
     program.allow_windows_style_options(false);
     program.set_help_flag("-h,--help", "this text; after a verb, the verb's");
-    program.set_version_flag("--version", "corvi " CORVI_VERSION, "the program's version");
+    program.set_version_flag("--version", "corvi " CORVI_VERSION_TEXT, "the program's version");
     program.footer(
         "\nexit codes: 0 fine; 1 findings, or an action that failed; 2 wrong usage or\n"
         "unreadable input. Example: corvi list BlockLaunch");

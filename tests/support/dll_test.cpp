@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "version_text.h"
+
 namespace corvi::test {
 namespace {
 
@@ -120,10 +122,18 @@ TEST(Dll, TellsTheProjectsVersionThroughTheVersionApi) {
                                 std::to_string(LOWORD(fixed->dwFileVersionMS)) + "." +
                                 std::to_string(HIWORD(fixed->dwFileVersionLS));
     EXPECT_EQ(version, CORVI_PROJECT_VERSION);
-    wchar_t* text = nullptr;
-    ASSERT_TRUE(VerQueryValueW(block.data(), L"\\StringFileInfo\\040904B0\\FileVersion",
-                               reinterpret_cast<void**>(&text), &length));
-    EXPECT_STREQ(text, L"" CORVI_PROJECT_VERSION);
+    const auto text = [&](const std::wstring& name) {
+        wchar_t* found = nullptr;
+        return VerQueryValueW(block.data(), (L"\\StringFileInfo\\040904B0\\" + name).c_str(),
+                              reinterpret_cast<void**>(&found), &length)
+                   ? std::wstring(found)
+                   : L"(none)";
+    };
+    EXPECT_EQ(text(L"FileVersion"), L"" CORVI_PROJECT_VERSION);
+    EXPECT_EQ(text(L"ProductVersion"), L"" CORVI_VERSION_TEXT);
+    EXPECT_EQ(text(L"Commit"), L"" CORVI_COMMIT);
+    EXPECT_EQ(text(L"CompanyName"), L"The Corvi_CA authors");
+    EXPECT_NE(text(L"LegalCopyright").find(L"MIT"), std::wstring::npos);
 }
 
 TEST(Dll, LoadsAndUnloadsAgainAndAgain) {

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/tool/tool_run.h"
+#include "version_text.h"
 
 namespace corvi::test {
 namespace {
@@ -62,7 +63,7 @@ TEST(CommandLine, EachVerbHasAHelpWithAnExample) {
 TEST(CommandLine, TheVersionIsTheProjects) {
     const ToolRun run = RunTool(L"--version");
     EXPECT_EQ(0u, run.exitCode);
-    EXPECT_EQ("corvi " CORVI_PROJECT_VERSION "\n", run.output);
+    EXPECT_EQ("corvi " CORVI_VERSION_TEXT "\n", run.output);
 }
 
 }  // namespace
