@@ -43,6 +43,8 @@ class Lists(unittest.TestCase):
     def test_every_export_is_scheduled_by_a_package(self):
         scheduled = set()
         for package in ROOT.glob("package/*.wxs"):
+            if package.stem == "one_action":  # has them all, and shows no schedule
+                continue
             scheduled |= set(re.findall(r'<Custom Action="(\w+)"', package.read_text(encoding="utf-8")))
         self.assertEqual(set(), self.exports - scheduled)
 
