@@ -113,6 +113,27 @@ TEST(BuiltPackages, RollbackActionsAreRollbackActionsBeforeWhatTheyTakeBack) {
     EXPECT_GE(found, 14);
 }
 
+TEST(BuiltPackages, WhatMayLetAnErrorOutOfTheCamerasStandsBehindAllOtherDeferredActions) {
+    const auto actions = ActionsOf(L"camera");
+    const auto numbers = SequenceOf(L"camera");
+    for (const auto& [name, action] : actions) {
+        if (name != L"DeleteOPTXCameraGUID" && numbers.count(name) != 0 && (action.type & kInScript) != 0) {
+            EXPECT_LT(numbers.at(name), numbers.at(L"DeleteOPTXCameraGUID")) << Narrow(name);
+        }
+    }
+}
+
+TEST(BuiltPackages, AnActionForTheInstallingUserIsImpersonatedAndStopsNoInstall) {
+    constexpr int kContinue = 0x40;
+    constexpr int kNoImpersonate = 0x800;
+    const auto actions = ActionsOf(L"recording");
+    for (const wchar_t* name :
+         {L"InstallContextMenuMSIX", L"CreateBenchMarkRunOnceSchTask", L"UnRegisterWVR"}) {
+        EXPECT_EQ(actions.at(name).type & (kInScript | kContinue | kNoImpersonate), kInScript | kContinue)
+            << Narrow(name);
+    }
+}
+
 TEST(BuiltPackages, EachActionWithACounterpartHasItsRollback) {
     const std::map<std::wstring, std::wstring> rollbacks = {
         {L"CreateLogonSchTask", L"RemoveHXSchedularTask"},

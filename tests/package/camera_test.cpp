@@ -3,7 +3,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
+
 #include "tests/package/machine.h"
+#include "tests/package/package_copy.h"
 #include "tests/support/installer_run.h"
 
 namespace corvi::test {
@@ -21,11 +25,12 @@ class CameraPackage : public testing::Test {
 protected:
     void SetUp() override { path_ = MachineValue(kEnvironment, L"Path").value_or(L""); }
     void TearDown() override {
-        RunInstaller(kUninstall);
-        SetMachineText(kEnvironment, L"Path", path_);
+        // Before the uninstall: a chain of one identifier makes DeleteOPTXCameraGUID let an error out.
         RegDeleteTreeW(
             HKEY_LOCAL_MACHINE,
             L"SYSTEM\\CurrentControlSet\\Control\\DeviceClasses\\{65e8773d-8f56-11d0-a3b9-00a0c9223196}");
+        RunInstaller(kUninstall);
+        SetMachineText(kEnvironment, L"Path", path_);
     }
 
     std::wstring path_;
@@ -34,6 +39,9 @@ protected:
 TEST_F(CameraPackage, InstallRegistersTheCameraAndExtendsThePathOnce) {
     const InstallerRun run = RunInstaller(kInstall);
     EXPECT_EQ(run.exitCode, 0U);
+    EXPECT_THAT(run.Last("SetPermissionsRegisterDLL").lines,
+                testing::Contains(testing::MatchesRegex("Username \".+\"")))
+        << "in quotes: it goes to a command line, and names have blanks";
     EXPECT_THAT(run.Last("SetPermissionsRegisterDLL").lines,
                 testing::IsSupersetOf({std::string("DLL Path C:\\Program Files\\TAVO\\Camera\\"),
                                        std::string("DLL Name CameraServer.dll"),
@@ -71,6 +79,35 @@ TEST_F(CameraPackage, UninstallTakesTheSuitesTransformOutOfTheChainsAndGoesOnAft
                            nullptr, left, &size),
               ERROR_SUCCESS);
     EXPECT_STREQ(left, L"{11111111-1111-1111-1111-111111111111}");
+}
+
+TEST_F(CameraPackage, TheRemovalInAnUpgradeKeepsWhatTheUserHasInTheFolderAndTheChains) {
+    RunInstaller(kInstall);
+    std::ofstream("C:\\Program Files\\TAVO\\Camera\\calibration.dat") << "x";
+    const wchar_t chain[] = L"{55E09F33-D6B5-4A6D-99ED-87DC666C6710}\0";
+    RegSetKeyValueW(HKEY_LOCAL_MACHINE, kChain, L"CameraDeviceMftClsidChain", REG_MULTI_SZ, chain,
+                    sizeof(chain));
+    const InstallerRun run = RunInstaller(std::wstring(kUninstall) +
+                                          L" UPGRADINGPRODUCTCODE={6A1E4C55-7C1B-4B0B-9E5A-0B8B6C5D2AFF}");
+    EXPECT_EQ(run.exitCode, 0U);
+    EXPECT_TRUE(run.Ran("UnregisterDLL"));
+    EXPECT_FALSE(run.Ran("DeleteDMFTDirectory"));
+    EXPECT_FALSE(run.Ran("DeleteOPTXCameraGUID"));
+    EXPECT_TRUE(FileExists(std::wstring(kFolder) + L"\\calibration.dat"));
+    EXPECT_TRUE(MachineValue(kChain, L"CameraDeviceMftClsidChain"));
+    std::filesystem::remove_all("C:\\Program Files\\TAVO\\Camera");
+}
+
+// Wine has removed the files by the time the rollback action runs, so that what is unregistered can be seen
+// on Windows only.
+TEST_F(CameraPackage, AnInstallThatFailsLastRunsTheRollbackWithDataOfItsOwn) {
+    const InstallerRun run = RunInstaller(L"/i " + FailingLast(L"camera") + L" FAILLAST=1");
+    EXPECT_NE(run.exitCode, 0U);
+    EXPECT_THAT(run.Last("SetPermissionsRegisterDLL.Rollback").lines,
+                testing::IsSupersetOf({std::string("DLL Path C:\\Program Files\\TAVO\\Camera\\"),
+                                       std::string("DLL Name CameraServer.dll"),
+                                       std::string("VC DLL Name CameraSource.dll")}));
+    EXPECT_FALSE(FileExists(kFolder));
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/package/machine.h"
+#include "tests/package/package_copy.h"
 #include "tests/support/installer_run.h"
 
 namespace corvi::test {
@@ -72,6 +73,25 @@ TEST_F(InstallManagerPackage, ARepairKeepsTasksFolderAndKey) {
     EXPECT_TRUE(TaskExists(kTask));
     EXPECT_TRUE(FileExists(kFolder));
     EXPECT_TRUE(MachineKeyExists(kKey));
+}
+
+TEST_F(InstallManagerPackage, TheRemovalInAnUpgradeKeepsTheTask) {
+    RunInstaller(kInstall);
+    const InstallerRun run = RunInstaller(std::wstring(kUninstall) +
+                                          L" UPGRADINGPRODUCTCODE={6A1E4C55-7C1B-4B0B-9E5A-0B8B6C5D2AFF}");
+    EXPECT_EQ(run.exitCode, 0U);
+    EXPECT_FALSE(run.Ran("PostUnInstallKITE"));
+    EXPECT_TRUE(TaskExists(kTask));
+    RunInstaller(kInstall);
+}
+
+TEST_F(InstallManagerPackage, AnInstallThatFailsLastLeavesNoElevatedTask) {
+    const InstallerRun run = RunInstaller(L"/i " + FailingLast(L"install_manager") + L" FAILLAST=1");
+    EXPECT_NE(run.exitCode, 0U);
+    EXPECT_EQ(run.Count("CreateTriggerlessElevatedScheduleTask"), 2U) << "written to the script, and run";
+    EXPECT_FALSE(TaskExists(kTask));
+    EXPECT_FALSE(FileExists(kFolder));
+    EXPECT_FALSE(MachineKeyExists(kKey));
 }
 
 }  // namespace

@@ -7,12 +7,19 @@
 #include <fstream>
 
 #include "tests/package/machine.h"
+#include "tests/package/package_copy.h"
 #include "tests/support/installer_run.h"
 
 namespace corvi::test {
 namespace {
 
 constexpr wchar_t kFolder[] = L"C:\\Program Files\\TAVO\\HXNext";
+constexpr wchar_t kContextMenuFolder[] = L"C:\\Program Files\\ContextMenuDemo";
+constexpr wchar_t kBrandingKey[] = L"SOFTWARE\\TAVOBranding";
+constexpr wchar_t kChatKey[] = L"SOFTWARE\\TAVO\\HX\\Chat";
+constexpr wchar_t kClaimKey[] = L"SOFTWARE\\TAVO\\TAVOAnalytics";
+constexpr wchar_t kRegister[] = L"SOFTWARE\\TUEP";
+constexpr wchar_t kChatData[] = L"C:\\corvi\\chat\\talk.db";
 constexpr wchar_t kInstall[] = L"/i C:\\corvi\\settings_app_1.0.0.msi";
 constexpr wchar_t kUninstall[] = L"/x C:\\corvi\\settings_app_1.0.0.msi";
 constexpr wchar_t kUpgrade[] = L"/i C:\\corvi\\settings_app_1.1.0.msi";
@@ -29,12 +36,47 @@ void WriteFileAt(const std::wstring& path) {
     std::ofstream(std::string(path.begin(), path.end())) << "x";
 }
 
+// What a user and the suite's other products have on the machine.
+void PlantUserData() {
+    WriteFileAt(kChatData);
+    SetMachineText(kChatKey, L"InstallPath", L"C:\\corvi\\chat");
+    SetMachineText(kChatKey, L"DataPath", L"C:\\corvi\\chat");
+    SetMachineText(kClaimKey, L"TUEPClient", L"LSX");
+    SetMachineText(kClaimKey, L"AnalyticsAccepted", L"false");
+    SetMachineNumber(kRegister, L"LSX_TUEPStatus", 1);
+    SetMachineText(kBrandingKey, L"Theme", std::wstring(kFolder) + L"\\Theme");
+    SetMachineText(std::wstring(kBrandingKey) + L"\\Skins", L"", L"");
+    WriteFileAt(std::wstring(kFolder) + L"\\Theme\\dark.theme");
+    WriteFileAt(std::wstring(kFolder) + L"\\Skins\\blue.skin");
+}
+
+void ExpectUserData() {
+    EXPECT_TRUE(FileExists(kChatData));
+    EXPECT_TRUE(MachineKeyExists(kChatKey));
+    EXPECT_EQ(MachineValue(kClaimKey, L"TUEPClient"), L"LSX");
+    EXPECT_EQ(MachineValue(kClaimKey, L"AnalyticsAccepted"), L"false");
+    EXPECT_EQ(MachineValue(kRegister, L"LSX_TUEPStatus"), L"1");
+    EXPECT_TRUE(FileExists(std::wstring(kFolder) + L"\\Theme\\dark.theme"));
+    EXPECT_TRUE(FileExists(std::wstring(kFolder) + L"\\Skins\\blue.skin"));
+}
+
+void ExpectInstalled() {
+    EXPECT_EQ(InstalledProducts(kSettingsProducts).size(), 1U);
+    EXPECT_TRUE(FileExists(std::wstring(kFolder) + L"\\hxcmd.exe"));
+    EXPECT_TRUE(FileExists(std::wstring(kFolder) + L"\\StartHX.xml"));
+    EXPECT_TRUE(TaskExists(L"StartHX"));
+    EXPECT_TRUE(TaskExists(L"StartHXBM"));
+    EXPECT_EQ(MachineValue(L"SOFTWARE\\TAVO\\HX", L"HXBrandingInstallDir"), kFolder);
+}
+
 class SettingsPackage : public testing::Test {
 protected:
     void TearDown() override {
         UninstallProducts(kRecordingProducts);
         UninstallProducts(kSettingsProducts);
-        RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\TAVOBranding");
+        RegDeleteTreeW(HKEY_LOCAL_MACHINE, kBrandingKey);
+        RegDeleteTreeW(HKEY_LOCAL_MACHINE, kRegister);
+        DeleteFileW(kChatData);
         RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\QEL Technologies");
         RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\TAVODVR");
         RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\TAVO");
@@ -53,6 +95,7 @@ TEST_F(SettingsPackage, InstallCreatesTheTasksAndClearsWhatOlderEditionsLeft) {
     EXPECT_THAT(run.Last("CreateLogonSchTask").lines,
                 testing::ElementsAre("StartHX Scheduled task creation is successful", "Win 11 only code"));
     EXPECT_TRUE(TaskExists(L"StartHX"));
+    EXPECT_TRUE(TaskExists(L"StartHXBM"));
     EXPECT_FALSE(MachineValue(kRunKey, L"StartHX"));
     EXPECT_FALSE(MachineKeyExists(kProxyKey));
     EXPECT_TRUE(run.Ran("DeleteHXSlimINSTALLDIRFolder"));
@@ -79,7 +122,9 @@ TEST_F(SettingsPackage, UninstallRemovesTasksFolderAndKeys) {
     EXPECT_THAT(run.Last("DeleteHXNoUpgrade").lines,
                 testing::Contains("DeleteHXINSTALLDIRFolder: Deleting HX registry result: 0 "));
     EXPECT_FALSE(TaskExists(L"StartHX"));
+    EXPECT_FALSE(TaskExists(L"StartHXBM"));
     EXPECT_FALSE(FileExists(kFolder));
+    EXPECT_FALSE(FileExists(kContextMenuFolder));
     EXPECT_FALSE(MachineKeyExists(L"SOFTWARE\\TAVO\\HX"));
     EXPECT_FALSE(MachineKeyExists(L"SOFTWARE\\QEL Technologies\\Install\\HXNext"));
     EXPECT_TRUE(FileExists(L"C:\\Program Files"));
@@ -99,30 +144,112 @@ TEST_F(SettingsPackage, ARepairDeletesNothing) {
     EXPECT_TRUE(TaskExists(L"StartHX"));
 }
 
-// What an upgrade runs for the older version. Wine's own upgrade does not tell the older version that it
-// is one, so the test passes the property that Windows passes.
+// What an upgrade runs for the older version, by itself: the property is what Windows passes to it.
 TEST_F(SettingsPackage, TheRemovalInAnUpgradeKeepsTheBrandingContentAndTheKeys) {
     RunInstaller(kInstall);
-    SetMachineText(L"SOFTWARE\\TAVOBranding\\Skins", L"", L"");
-    WriteFileAt(std::wstring(kFolder) + L"\\Skins\\blue.skin");
+    PlantUserData();
     WriteFileAt(std::wstring(kFolder) + L"\\made-later.txt");
     const InstallerRun run = RunInstaller(std::wstring(kUninstall) +
                                           L" UPGRADINGPRODUCTCODE={6A1E4C55-7C1B-4B0B-9E5A-0B8B6C5D2AFF}");
     EXPECT_EQ(run.exitCode, 0U);
     EXPECT_TRUE(run.Ran("DeleteandRetainValues"));
-    for (const char* action : {"DeleteHXFolder", "DeleteHXINSTALLDIRFolder", "DeleteHXNoUpgrade"}) {
+    for (const char* action : {"DeleteHXFolder", "DeleteHXINSTALLDIRFolder", "DeleteHXNoUpgrade",
+                               "UninstallTAVOChat", "RemoveBenchMarkRunOnceSchedularTask"}) {
         EXPECT_FALSE(run.Ran(action)) << action;
     }
-    EXPECT_TRUE(FileExists(std::wstring(kFolder) + L"\\Skins\\blue.skin"));
+    ExpectUserData();
+    EXPECT_TRUE(TaskExists(L"StartHXBM"));
     EXPECT_FALSE(FileExists(std::wstring(kFolder) + L"\\made-later.txt"));
 }
 
-TEST_F(SettingsPackage, AnUpgradeFindsTheOlderVersionAndRemovesIt) {
+TEST_F(SettingsPackage, AfterAnUpgradeTheNewVersionIsWhole) {
     RunInstaller(kInstall);
     const InstallerRun run = RunInstaller(kUpgrade);
     EXPECT_EQ(run.exitCode, 0U);
     EXPECT_EQ(run.Last("RemoveExistingProducts").returnValue, 1);
     EXPECT_EQ(run.Last("CreateLogonSchTask").returnValue, 1);
+    ExpectInstalled();
+}
+
+TEST_F(SettingsPackage, AnUpgradeLosesNothingOfTheUsersAndOfOtherProducts) {
+    RunInstaller(kInstall);
+    RunInstaller(kInstallRecording);
+    PlantUserData();
+    const std::wstring upgrade = L"/i " + UpgradingAsOnWindows(L"settings_app_1.1.0");
+    EXPECT_EQ(RunInstaller(upgrade).exitCode, 0U);
+    ExpectInstalled();
+    ExpectUserData();
+    EXPECT_TRUE(FileExists(std::wstring(kFolder) + L"\\LSServCmd.exe")) << "recording's, in the same folder";
+    EXPECT_TRUE(FileExists(std::wstring(kFolder) + L"\\StartDVR.xml"));
+    EXPECT_TRUE(TaskExists(L"StartDVR"));
+}
+
+TEST_F(SettingsPackage, ARepairLosesNothingOfTheUsers) {
+    RunInstaller(kInstall);
+    PlantUserData();
+    EXPECT_EQ(RunInstaller(std::wstring(kInstall) + kRepair).exitCode, 0U);
+    ExpectInstalled();
+    ExpectUserData();
+}
+
+TEST_F(SettingsPackage, AnInstallThatFailsLastLeavesNoTaskNoFileAndNoKey) {
+    const std::wstring failing = L"/i " + FailingLast(L"settings_app_1.0.0") + L" FAILLAST=1";
+    const InstallerRun run = RunInstaller(failing);
+    EXPECT_NE(run.exitCode, 0U);
+    EXPECT_EQ(run.Count("CreateLogonSchTask.Rollback"), 2U) << "written to the script, and run";
+    EXPECT_FALSE(TaskExists(L"StartHX"));
+    EXPECT_FALSE(TaskExists(L"StartHXBM"));
+    EXPECT_FALSE(FileExists(kFolder));
+    EXPECT_FALSE(FileExists(kContextMenuFolder));
+    EXPECT_FALSE(MachineKeyExists(L"SOFTWARE\\TAVO\\HX"));
+    EXPECT_FALSE(MachineKeyExists(L"SOFTWARE\\QEL Technologies\\Install\\HXNext"));
+}
+
+TEST_F(SettingsPackage, AFailedInstallDoesNotMarkAClientAsGone) {
+    SetMachineText(kClaimKey, L"TUEPClient", L"DVR");
+    SetMachineNumber(kRegister, L"DVR_TUEPStatus", 1);
+    const std::wstring failing = L"/i " + FailingLast(L"settings_app_1.0.0") + L" FAILLAST=1";
+    EXPECT_NE(RunInstaller(failing).exitCode, 0U);
+    EXPECT_EQ(MachineValue(kRegister, L"DVR_TUEPStatus"), L"1");
+    EXPECT_EQ(MachineValue(kClaimKey, L"TUEPClient"), L"DVR");
+}
+
+TEST_F(SettingsPackage, ARepairThatFailsLeavesTheTasks) {
+    const std::wstring failing = L"/i " + FailingLast(L"settings_app_1.0.0");
+    RunInstaller(failing);
+    EXPECT_NE(RunInstaller(failing + kRepair + L" FAILLAST=1").exitCode, 0U);
+    EXPECT_TRUE(TaskExists(L"StartHX"));
+    EXPECT_TRUE(TaskExists(L"StartHXBM"));
+}
+
+// Wine's searches do not read lists of texts: what Windows' search finds is passed.
+TEST_F(SettingsPackage, NothingIsInstalledWhileItsFilesWaitToBeDeletedAtTheRestart) {
+    const std::wstring pending =
+        L" PENDINGFILERENAMES=\"[~]\\??\\C:\\Program Files\\TAVO\\HXNext\\hxcmd.exe[~][~]\"";
+    EXPECT_EQ(RunInstaller(kInstall + pending).exitCode, 1603U);
+    EXPECT_FALSE(FileExists(kFolder));
+    RunInstaller(kInstall);
+    EXPECT_EQ(RunInstaller(kInstall + pending + kRepair).exitCode, 0U);
+    EXPECT_EQ(RunInstaller(kUninstall + pending).exitCode, 0U);
+    EXPECT_FALSE(FileExists(kFolder));
+}
+
+TEST_F(SettingsPackage, TheContextMenuIsInstalledOnlyWithItsFiles) {
+    EXPECT_TRUE(RunInstaller(kInstall).Ran("InstallContextMenuMSIX"));
+    EXPECT_TRUE(FileExists(std::wstring(kContextMenuFolder) + L"\\MyKey.cer"));
+    EXPECT_TRUE(FileExists(std::wstring(kContextMenuFolder) + L"\\PhotoStoreDemoPkg.msix"));
+    RunInstaller(kUninstall);
+    const InstallerRun without = RunInstaller(std::wstring(kInstall) + L" ADDLOCAL=Settings");
+    EXPECT_EQ(without.exitCode, 0U);
+    EXPECT_FALSE(without.Ran("InstallContextMenuMSIX"));
+}
+
+TEST_F(SettingsPackage, UninstallKeepsTheFolderWhileRecordingLivesInIt) {
+    RunInstaller(kInstall);
+    RunInstaller(kInstallRecording);
+    EXPECT_EQ(RunInstaller(kUninstall).exitCode, 0U);
+    EXPECT_FALSE(FileExists(std::wstring(kFolder) + L"\\hxcmd.exe"));
+    EXPECT_TRUE(FileExists(std::wstring(kFolder) + L"\\LSServCmd.exe"));
 }
 
 TEST_F(SettingsPackage, RecordingInstallsIntoTheApplicationsFolderAndIsTrackedOnce) {
@@ -147,6 +274,26 @@ TEST_F(SettingsPackage, RecordingUninstallsItsTaskAndVrFolderAndLeavesTheApplica
     EXPECT_TRUE(FileExists(std::wstring(kFolder) + L"\\hxcmd.exe"));
     EXPECT_TRUE(TaskExists(L"StartHX"));
     EXPECT_TRUE(MachineKeyExists(L"SOFTWARE\\TAVODVR")) << "the tracking key stays for good";
+}
+
+TEST_F(SettingsPackage, RecordingsRemovalInAnUpgradeKeepsTheVrFolder) {
+    RunInstaller(kInstall);
+    RunInstaller(kInstallRecording);
+    WriteFileAt(L"C:\\Program Files\\TAVO\\VR\\WVR\\rooms.json");
+    const InstallerRun run = RunInstaller(std::wstring(kUninstallRecording) +
+                                          L" UPGRADINGPRODUCTCODE={6A1E4C55-7C1B-4B0B-9E5A-0B8B6C5D2AFF}");
+    EXPECT_EQ(run.exitCode, 0U);
+    EXPECT_FALSE(run.Ran("UnRegisterWVR"));
+    EXPECT_FALSE(run.Ran("DeleteWVRFolder"));
+    EXPECT_TRUE(FileExists(L"C:\\Program Files\\TAVO\\VR\\WVR\\rooms.json"));
+}
+
+TEST_F(SettingsPackage, ARecordingInstallThatFailsLastLeavesNoTask) {
+    RunInstaller(kInstall);
+    EXPECT_NE(RunInstaller(L"/i " + FailingLast(L"recording") + L" FAILLAST=1").exitCode, 0U);
+    EXPECT_FALSE(TaskExists(L"StartDVR"));
+    EXPECT_FALSE(FileExists(std::wstring(kFolder) + L"\\LSServCmd.exe"));
+    EXPECT_TRUE(TaskExists(L"StartHX"));
 }
 
 TEST_F(SettingsPackage, RecordingWithoutTheApplicationCreatesNoTask) {

@@ -90,5 +90,14 @@ TEST_F(TuningSdkPackage, ARepairDeletesNoService) {
     EXPECT_TRUE(ServiceExists(kService));
 }
 
+TEST_F(TuningSdkPackage, TheRemovalInAnUpgradeDeletesNoService) {
+    RunInstaller(kInstall);
+    CreateTestService(kService, L"C:\\Program Files\\TAVO\\Tuning SDK\\TuningService.exe");
+    const InstallerRun run = RunInstaller(std::wstring(kUninstall) +
+                                          L" UPGRADINGPRODUCTCODE={6A1E4C55-7C1B-4B0B-9E5A-0B8B6C5D2AFF}");
+    EXPECT_EQ(run.exitCode, 0U);
+    EXPECT_TRUE(ServiceExists(kService));
+}
+
 }  // namespace
 }  // namespace corvi::test
