@@ -57,7 +57,7 @@ STEPS = [
         "result": 0,
         "actions": ["CreateLogonSchTask", "DeleteSchedTaskonBranding", "CreateBenchMarkRunOnceSchTask",
                     "InstallContextMenuMSIX", "LaunchHX"],
-        "expect": {SETTINGS_TOOL: True, "task StartHX": True,
+        "expect": {SETTINGS_TOOL: True, "task StartHX": True, "task StartHXBM": True,
                    "value HKLM\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Run | StartHX": None},
     },
     {
@@ -85,7 +85,8 @@ STEPS = [
         "result": 0,
         "actions": ["ShutDownPQRNext", "RemoveHXSchedularTask", "UninstallTAVOChat", "DeleteHXINSTALLDIRFolder",
                     "DeleteHXNoUpgrade", "DeleteHXFolder"],
-        "expect": {"task StartHX": None, f"file {FOLDER}\\HXNext": None, "key HKLM\\SOFTWARE\\TAVO\\HX": None},
+        "expect": {"task StartHX": None, "task StartHXBM": None, f"file {FOLDER}\\HXNext": None,
+                   "key HKLM\\SOFTWARE\\TAVO\\HX": None},
         "note": "Wine has no PowerShell that removes packages: their removal ends with an error code.",
     },
     {
