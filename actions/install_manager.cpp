@@ -19,6 +19,7 @@
 #include "runtime/text.h"
 #include "runtime/unique_handle.h"
 #include "services/service_control.h"
+#include "services/service_registration.h"
 
 namespace corvi {
 namespace {
@@ -35,20 +36,20 @@ constexpr GUID kDisplayAdapters = {
 constexpr wchar_t kMakerAnywhere[] = L"Tavo Corporation";
 constexpr const wchar_t* kMakerPrefixes[] = {L"TAVO", L"QEL"};
 constexpr size_t kDriverKeyCapacity = 256;
-constexpr wchar_t kDriverKeyFormat[] = L"SYSTEM\\CurrentControlSet\\Control\\Class\\%ls";
+constexpr wchar_t kDriverKeys[] = L"SYSTEM\\CurrentControlSet\\Control\\Class\\";
 constexpr wchar_t kLogPathValue[] = L"DalDCELogFilePath";
 constexpr wchar_t kPathSizeValue[] = L"DalDCEFilePathSize";
 constexpr wchar_t kPathSize[] = L"260";
 constexpr wchar_t kDriverVersionValue[] = L"DriverVersion";
 
-// There never was a V21, V23 or V25; the driver of V26 is not stale.
+// No V21, V23 or V25 exists, and the driver of V26 is not stale.
 constexpr const wchar_t* kTuningServices[] = {L"TAVOKyrnMasterDriver",    L"TAVOKyrnMasterDriverV18",
                                               L"TAVOKyrnMasterDriverV19", L"TAVOKyrnMasterDriverV20",
                                               L"TAVOKyrnMasterDriverV22", L"TAVOKyrnMasterDriverV24"};
 constexpr wchar_t kStaleTuningDriver[] = L"system32\\tavokyrnmasterdriver.sys";
 
-// Without a switch: the tool asks every process of that name to close.
-constexpr wchar_t kManagerImage[] = L"TAVOInstallManager.exe";
+// What the tool is told: every process of that name ends, without being asked.
+constexpr wchar_t kManagerImage[] = L"TAVOInstallManager.exe /F";
 constexpr wchar_t kManagerKey[] = L"SOFTWARE\\TAVO\\TAVOInstallManager";
 constexpr wchar_t kManagerLocation[] = L"InstallLocation";
 constexpr const wchar_t* kManagerTasks[] = {
@@ -111,9 +112,12 @@ void SetPathSize(const RegKey& driverKey, const std::wstring& logFile) {
 }
 
 void PointDriverAtLogFile(const std::wstring& driverKeyName, const std::wstring& logFile) {
-    const RegKey key = RegKey::TryOpen(
-        HKEY_LOCAL_MACHINE, FormatBounded(kDriverKeyCapacity, kDriverKeyFormat, driverKeyName.c_str()),
-        KEY_ALL_ACCESS);
+    const std::wstring path = kDriverKeys + driverKeyName;
+    // Cut to its buffer, or without a name, the path is another key's.
+    if (driverKeyName.empty() || path.size() >= kDriverKeyCapacity) {
+        return;
+    }
+    const RegKey key = RegKey::TryOpen(HKEY_LOCAL_MACHINE, path, KEY_ALL_ACCESS);
     if (!key) {
         return;
     }

@@ -19,12 +19,14 @@
 #include "runtime/installer_log.h"
 #include "runtime/kernel_handle.h"
 #include "runtime/known_paths.h"
+#include "runtime/local_memory.h"
 #include "runtime/process.h"
 #include "runtime/registry.h"
 #include "runtime/registry_walk.h"
 #include "runtime/session.h"
 #include "runtime/text.h"
 #include "services/service_control.h"
+#include "services/service_registration.h"
 #include "tasks/task_registration.h"
 
 namespace corvi {
@@ -41,18 +43,16 @@ constexpr size_t kFolderCapacity = 1024;
 constexpr size_t kPpcFileCapacity = 256;
 
 // The user-experience program (TUEP) that replaces it.
-constexpr wchar_t kTuepService[] = L"TUEPLauncher";
 constexpr wchar_t kTuepServiceImage[] = L"TUEPLauncher.exe";
 constexpr const wchar_t* kTuepImages[] = {L"TUEPMaster.exe", L"TUEPUF.exe", L"TUEPDU.exe", L"TUEPAC.exe",
                                           L"TUEPUC.exe"};
 constexpr wchar_t kDeleteTuepTask[] = L" /delete /TN StartTUEP /F";
 constexpr wchar_t kRunTask[] = L" /run /TN ";
-constexpr wchar_t kTuepKey[] = L"Software\\TUEP";
 constexpr wchar_t kGuidValue[] = L"GUID";
-constexpr DWORD kShortValueBytes = 520;
+constexpr DWORD kGuidBytes = 520;
 constexpr DWORD kTuepRemoved = 1;
 
-// The preparation of an install has never known the last of these; only the removal goes on to it.
+// Kept: the preparation of an install stops before the last of these; only the removal goes on to it.
 constexpr const wchar_t* kDriverServices[] = {L"TAVOKyrnMasterDriver",    L"TAVOKyrnMasterDriverV18",
                                               L"TAVOKyrnMasterDriverV19", L"TAVOKyrnMasterDriverV20",
                                               L"TAVOKyrnMasterDriverV22", L"TAVOKyrnMasterDriverV24",
@@ -80,8 +80,12 @@ constexpr const wchar_t* kTreesOf32BitView[] = {
     L"SYSTEM\\CurrentControlSet\\Services\\tavofendr\\State\\DU",
     L"SYSTEM\\CurrentControlSet\\Services\\tavofendr\\State\\TUEP"};
 
+/// The client's folder; empty when the platform cannot name the folder that it lies in. What is deleted or
+/// moved asks for that first: built on nothing, a path names something else.
 std::wstring PpcFolder(int programFilesCsidl) {
-    return FormatBounded(kFolderCapacity, kPpcFolderFormat, KnownFolder(programFilesCsidl).c_str());
+    const std::wstring programFiles = KnownFolder(programFilesCsidl);
+    return programFiles.empty() ? L""
+                                : FormatBounded(kFolderCapacity, kPpcFolderFormat, programFiles.c_str());
 }
 
 void DeleteFolderIfPresent(const std::wstring& folder) {
@@ -100,9 +104,13 @@ void StopPpc() {
     KillProcessByName(kPpcUserFeedbackImage);
 }
 
+/// A path that does not fit its buffer is left alone: cut, it names another file.
 void DeletePpcFiles(const std::wstring& folder) {
     for (const wchar_t* file : {kPpcUserFeedbackImage, kPpcServiceLibrary}) {
-        DeleteFileW(FormatBounded(kPpcFileCapacity, L"%ls\\%ls", folder.c_str(), file).c_str());
+        const std::wstring path = folder + L"\\" + file;
+        if (!folder.empty() && path.size() < kPpcFileCapacity) {
+            DeleteFileW(path.c_str());
+        }
     }
 }
 
@@ -192,19 +200,12 @@ std::wstring NewGuidText() {
 /// Gives the machine its GUID; one that is there is never replaced.
 void EnsureMachineGuid() {
     const std::wstring newGuid = NewGuidText();
-    const RegKey key = RegKey::TryOpen(HKEY_LOCAL_MACHINE, kTuepKey, KEY_READ);
-    const bool hasGuid = key && key.CanQuery(kGuidValue, kShortValueBytes);
+    const RegKey key = RegKey::TryOpen(HKEY_LOCAL_MACHINE, kClientRegisterKey, KEY_READ);
+    const bool hasGuid = key && key.CanQuery(kGuidValue, kGuidBytes);
     if (!hasGuid && !newGuid.empty()) {
-        WriteMachineString(kTuepKey, kGuidValue, newGuid);
+        WriteMachineString(kClientRegisterKey, kGuidValue, newGuid);
     }
 }
-
-struct LocalMemoryTraits {
-    using Handle = HLOCAL;
-    static Handle None() noexcept { return nullptr; }
-    static void Close(Handle memory) noexcept { LocalFree(memory); }
-};
-using LocalMemory = UniqueHandle<LocalMemoryTraits>;
 
 /// The path under which the platform knows an open directory, all links resolved; empty on failure.
 std::wstring FinalPath(const FileHandle& directory) {
@@ -227,7 +228,11 @@ bool IsReachedWithoutLink(const FileHandle& directory, const std::wstring& base,
     const FileHandle baseDirectory(CreateFileW(base.c_str(), 0,
                                                FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                                                nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
-    const std::wstring basePath = FinalPath(baseDirectory);
+    std::wstring basePath = FinalPath(baseDirectory);
+    // A drive's root ends in a separator, any other directory does not.
+    if (basePath.ends_with(L'\\')) {
+        basePath.pop_back();
+    }
     return !basePath.empty() && EqualsIgnoringCase(FinalPath(directory), basePath + subfolder);
 }
 
@@ -246,7 +251,7 @@ EXPLICIT_ACCESSW FullControlFor(PSID group) {
 /// it. A list that cannot be read is not replaced; a directory without a list is open to all already.
 void GrantFullControlToUsers(const FileHandle& directory) {
     PACL oldList = nullptr;
-    LocalMemory descriptor;
+    LocalMemory<PSECURITY_DESCRIPTOR> descriptor;
     if (GetSecurityInfo(directory.Get(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr,
                         &oldList, nullptr, descriptor.Put()) != ERROR_SUCCESS ||
         oldList == nullptr) {
@@ -258,17 +263,20 @@ void GrantFullControlToUsers(const FileHandle& directory) {
         return;
     }
     EXPLICIT_ACCESSW entry = FullControlFor(users);
-    PACL newList = nullptr;
-    if (SetEntriesInAclW(1, &entry, oldList, &newList) == ERROR_SUCCESS) {
-        const LocalMemory owner(newList);
-        SetSecurityInfo(directory.Get(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, newList,
-                        nullptr);
+    LocalMemory<PACL> newList;
+    if (SetEntriesInAclW(1, &entry, oldList, newList.Put()) == ERROR_SUCCESS) {
+        SetSecurityInfo(directory.Get(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr,
+                        newList.Get(), nullptr);
     }
 }
 
-/// Opens the client's data folder to all users of the machine; a missing one is skipped.
+/// Opens the client's data folder to all users of the machine; one that is missing or whose place cannot
+/// be named is skipped.
 void OpenDataFolderToUsers() {
     const std::wstring base = KnownFolder(CSIDL_COMMON_APPDATA);
+    if (base.empty()) {
+        return;
+    }
     const std::wstring folder = FormatBounded(kFolderCapacity, L"%ls%ls", base.c_str(), kPpcDataSubfolder);
     const FileHandle directory(CreateFileW(folder.c_str(), READ_CONTROL | WRITE_DAC, 0, nullptr,
                                            OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
@@ -281,17 +289,15 @@ void OpenDataFolderToUsers() {
 /// Records the client that claimed TUEP last as one that holds it, and clears the claim.
 void TakeOverLastClaimant(MSIHANDLE session) {
     LSTATUS status = ERROR_SUCCESS;
-    const RegKey key = RegKey::TryOpen(HKEY_LOCAL_MACHINE, kAnalyticsKey, KEY_ALL_ACCESS, &status);
-    // These two lines have always carried the later action's name.
+    const RegKey key = OpenAnalyticsKey(&status);
+    // Kept: these two lines carry the later action's name.
     WriteInstallerLog(session, L"AfterInstallPPC::Registry status %d", static_cast<int>(status));
     if (!key) {
         return;
     }
-    if (const auto client = key.QueryText(kLastClaimantValue, kShortValueBytes)) {
-        MarkTuepClient(*client, kClientHoldsTuep);
+    if (const auto client = SettleLastClaim(key, kClientHoldsTuep)) {
         WriteInstallerLog(session, L"AfterInstallPPC::Client Name %s", client->c_str());
     }
-    RegDeleteValueW(key.Get(), kLastClaimantValue);
 }
 
 UINT SetUpTuep(MSIHANDLE session) {
@@ -312,20 +318,18 @@ UINT SetUpTuep(MSIHANDLE session) {
 
 // After the install
 
-/// The machine's pending renames; none when it has no such value, as a healthy machine has not.
+/// The machine's pending renames; none when it has no such list, as a healthy machine has not, or when the
+/// list cannot be read: then there is nothing to prune.
 std::vector<std::wstring> ReadPendingRenames(const RegKey& sessionManager) {
     try {
         return sessionManager.GetMultiString(kPendingRenamesValue);
-    } catch (const RegKeyError& error) {
-        if (error.code().value() != ERROR_FILE_NOT_FOUND) {
-            throw;
-        }
+    } catch (const RegKeyError&) {
         return {};
     }
 }
 
-/// Wants to take the client's folder out of the pending renames. The key is opened for reading only,
-/// also for the write, which is therefore refused: the machine's list has always stayed as it was.
+/// Wants to take the client's folder out of the pending renames. Kept: the key is opened for reading only,
+/// also for the write, which is therefore refused, and the machine's list stays as it is.
 void PrunePendingRenames() {
     const auto entries = ReadPendingRenames(RegKey::Open(HKEY_LOCAL_MACHINE, kSessionManagerKey, KEY_READ));
     std::vector<std::wstring> kept;
@@ -353,8 +357,14 @@ void Move(MSIHANDLE session, const std::wstring& from, const wchar_t* to, DWORD 
     }
 }
 
-/// What could not be deleted goes to the temporary directory, and from there with the next restart.
-void MoveOutOfTheWay(MSIHANDLE session, const std::wstring& folder, const std::wstring& temporaryFolder) {
+/// What could not be deleted goes to the temporary directory, and from there with the next restart. Nothing
+/// is moved from a folder or to a directory that the platform does not tell.
+void MoveOutOfTheWay(MSIHANDLE session, const std::wstring& folder, const std::wstring& temporary,
+                     const wchar_t* name) {
+    if (folder.empty() || temporary.empty()) {
+        return;
+    }
+    const std::wstring temporaryFolder = temporary + name;
     Move(session, folder, temporaryFolder.c_str(), MOVEFILE_COPY_ALLOWED);
     Move(session, temporaryFolder, nullptr, MOVEFILE_DELAY_UNTIL_REBOOT);
 }
@@ -379,8 +389,8 @@ UINT RemoveEverything(MSIHANDLE session) {
     StopAndKillTuep();
     DeleteFolderIfPresent(folder);
     DeleteFolderIfPresent(folderX86);
-    MoveOutOfTheWay(session, folder, temporary + L"PPCtemp");
-    MoveOutOfTheWay(session, folderX86, temporary + L"PPCx86");
+    MoveOutOfTheWay(session, folder, temporary, L"PPCtemp");
+    MoveOutOfTheWay(session, folderX86, temporary, L"PPCx86");
     DeleteRegistryTrees();
     SetInstallTuepFlag(kTuepRemoved);
     RemovePpcDriverServices(session, ARRAYSIZE(kDriverServices));

@@ -10,7 +10,8 @@
 #include "runtime/installer_log.h"
 #include "runtime/session.h"
 #include "runtime/standard_output.h"
-#include "services/service_control.h"
+#include "services/service_handle.h"
+#include "services/service_registration.h"
 
 namespace corvi {
 namespace {
@@ -24,8 +25,8 @@ constexpr DWORD kPollMilliseconds = 101;
 constexpr DWORD kPollLimitMilliseconds = 3000;
 
 bool IsInDirectory(const std::wstring& binaryPath, const std::wstring& directory) {
-    // Neither quotes nor arguments are taken off the binary path. Packages that must not lose a service
-    // with a quoted path rely on the examination failing.
+    // Neither quotes nor arguments are taken off the binary path. Kept: with a quote in front, the usual
+    // form, it has no directory that could be examined, and the service stays.
     const std::wstring parent = ParentPath(binaryPath);
     WriteInstallerLog(cleanupSession, L"Parent path of %s is %s", binaryPath.c_str(), parent.c_str());
     return directory == kAnyDirectory || AreSameObject(parent, directory);
@@ -61,21 +62,21 @@ void DeleteServiceInDirectory(const std::wstring& serviceName, const std::wstrin
         WriteInstallerLog(cleanupSession, L"Empty service name provided");
         return;
     }
-    ServiceHandle manager(OpenSCManagerW(nullptr, SERVICES_ACTIVE_DATABASEW, SC_MANAGER_ALL_ACCESS));
+    const ServiceHandle manager(OpenSCManagerW(nullptr, SERVICES_ACTIVE_DATABASEW, SC_MANAGER_ALL_ACCESS));
     if (!manager) {
         WriteInstallerLog(cleanupSession, L"Unable call  OpenSCManager. Error code: %d",
                           static_cast<int>(GetLastError()));
         return;
     }
     // The manager's full access, asked for on the service: enough to examine, stop and delete it.
-    ServiceHandle service(OpenServiceW(manager.Get(), serviceName.c_str(), SC_MANAGER_ALL_ACCESS));
+    const ServiceHandle service(OpenServiceW(manager.Get(), serviceName.c_str(), SC_MANAGER_ALL_ACCESS));
     if (!service) {
         const DWORD error = GetLastError();
         WriteInstallerLog(cleanupSession, L"Unable to open service %s. Error code: %d", serviceName.c_str(),
                           static_cast<int>(error));
         return;
     }
-    const std::wstring binaryPath = GetServiceBinaryPath(manager, service);
+    const std::wstring binaryPath = GetServiceBinaryPath(service);
     WriteStandardOutput(L"binary path = " + binaryPath + L"\n");
     if (!IsInDirectory(binaryPath, directory)) {
         WriteInstallerLog(cleanupSession, L"%s is not in directory %s", binaryPath.c_str(),

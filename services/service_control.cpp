@@ -2,34 +2,13 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <system_error>
-#include <utility>
-#include <vector>
 
-#include "runtime/filesystem.h"
 #include "runtime/installer_log.h"
-#include "runtime/registry.h"
-#include "runtime/standard_output.h"
-#include "runtime/text.h"
+#include "runtime/local_memory.h"
+#include "services/service_handle.h"
 
 namespace corvi {
 namespace {
-
-constexpr wchar_t kUploaderService[] = L"TUEPLauncher";
-constexpr wchar_t kUploaderDisplayName[] = L"TAVO User Experience Program Data Uploader";
-constexpr wchar_t kInstallManagerKey[] =
-    L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\TAVO Prism Install Manager";
-constexpr wchar_t kProfileClientKey[] = L"SOFTWARE\\QEL Technologies\\Install\\PPC";
-constexpr wchar_t kInstallDirValue[] = L"InstallDir";
-constexpr wchar_t kServicesKey[] = L"SYSTEM\\CurrentControlSet\\Services\\";
-constexpr wchar_t kImagePathValue[] = L"ImagePath";
-
-// The command line of the data uploader's service, terminator included.
-constexpr size_t kCommandLineCapacity = 1024;
-// No more than this of "InstallDir" is asked for. A longer value does not count.
-constexpr DWORD kInstallDirBytes = 260;
-// Where the buffer for a service's configuration starts.
-constexpr size_t kFirstConfigBytes = 64;
 
 constexpr DWORD kStopLimitMilliseconds = 30000;
 constexpr DWORD kShortestWaitMilliseconds = 1000;
@@ -37,8 +16,7 @@ constexpr DWORD kLongestWaitMilliseconds = 10000;
 
 constexpr DWORD kStopAccess = SERVICE_STOP | SERVICE_QUERY_STATUS | SERVICE_ENUMERATE_DEPENDENTS;
 
-// The texts of the wait helpers go to the debugger output and never to the installer log. The first one
-// is also what the installation of the data uploader's service says, on standard output.
+// The texts of the wait helpers go to the debugger output and never to the installer log.
 constexpr wchar_t kOpenManagerFailed[] = L"Error: Failed to open SCM.\n";
 constexpr wchar_t kQueryFailed[] = L"Error: QueryServiceStatusEx failed.\n";
 constexpr wchar_t kControlFailed[] = L"Error: ControlService failed.\n";
@@ -52,7 +30,7 @@ constexpr wchar_t kStarted[] = L"Service started successfully.\n";
 constexpr wchar_t kNotStarted[] = L"Warning: Service did not start successfully.\n";
 
 // Those of StopAndDeleteService go to the installer log. They speak of one service, and of pausing,
-// whatever service is stopped; support engineers search for them so.
+// whatever service is stopped. Kept: callers compare these texts.
 constexpr wchar_t kLogManagerFailed[] = L"Opening SC Manager failed with error code: %d %s";
 constexpr wchar_t kLogServiceFailed[] = L"Opening Windows Update Service failed with error code: %d %s";
 constexpr wchar_t kLogStopFailed[] = L"Unable to pause Windows Update Service. Error code: %d %s";
@@ -61,12 +39,6 @@ static_assert(sizeof(SERVICE_STATUS_PROCESS) == 36, "the record that the service
 static_assert(offsetof(SERVICE_STATUS_PROCESS, dwWaitHint) == offsetof(SERVICE_STATUS, dwWaitHint) &&
                   offsetof(SERVICE_STATUS_PROCESS, dwProcessId) == sizeof(SERVICE_STATUS),
               "a process status record begins with a service status record");
-
-struct LocalTextTraits {
-    using Handle = wchar_t*;
-    static Handle None() noexcept { return nullptr; }
-    static void Close(Handle text) noexcept { LocalFree(text); }
-};
 
 DWORD Elapsed(DWORD start) { return GetTickCount() - start; }
 
@@ -130,7 +102,7 @@ bool StopNow(const ServiceHandle& service, SERVICE_STATUS_PROCESS& status, DWORD
 
 // Waits while a service that is to be started still stops. The timer starts anew in every round, and it
 // is looked at before the state: a service with a short wait hint and a check point that stands still is
-// given up after one round, even when it has stopped by then. Packages rely on that quick end.
+// given up after one round, even when it has stopped by then. Kept: callers expect that quick end.
 bool AwaitStopBeforeStart(const ServiceHandle& service, SERVICE_STATUS_PROCESS& status) {
     while (status.dwCurrentState == SERVICE_STOP_PENDING) {
         const DWORD roundStart = GetTickCount();
@@ -176,7 +148,7 @@ void AwaitStart(const ServiceHandle& service, SERVICE_STATUS_PROCESS& status) {
 }
 
 std::wstring SystemText(DWORD error) {
-    UniqueHandle<LocalTextTraits> text;
+    LocalMemory<wchar_t*> text;
     FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM |
                        FORMAT_MESSAGE_IGNORE_INSERTS | FORMAT_MESSAGE_MAX_WIDTH_MASK,
                    nullptr, error, 0, reinterpret_cast<wchar_t*>(text.Put()), 0, nullptr);
@@ -189,43 +161,16 @@ void LogLastError(MSIHANDLE session, const wchar_t* format) {
     WriteInstallerLog(session, format, static_cast<int>(error), SystemText(error).c_str());
 }
 
-// The "InstallDir" of a key of the machine, at most kInstallDirBytes of it, or an empty text.
-std::wstring ReadInstallDir(const wchar_t* keyPath) {
-    const RegKey key = RegKey::TryOpen(HKEY_LOCAL_MACHINE, keyPath, KEY_READ);
-    if (!key) {
-        return {};
-    }
-    // One character more than is offered, for a value that fills the offer and has no terminator.
-    wchar_t directory[kInstallDirBytes / sizeof(wchar_t) + 1] = {};
-    DWORD type = REG_SZ;
-    DWORD size = kInstallDirBytes;
-    const LSTATUS status = RegQueryValueExW(key.Get(), kInstallDirValue, nullptr, &type,
-                                            reinterpret_cast<BYTE*>(directory), &size);
-    const bool isText = type == REG_SZ || type == REG_EXPAND_SZ;
-    return status == ERROR_SUCCESS && isText ? directory : L"";
-}
-
-std::wstring UploaderCommandLine() {
-    const std::wstring directory = ReadInstallDir(kInstallManagerKey);
-    if (PathExists(directory)) {
-        return FormatBounded(kCommandLineCapacity, L"\"%ls\\..\\Performance Profile Client\\TUEPDU.exe\"",
-                             directory.c_str());
-    }
-    return FormatBounded(kCommandLineCapacity, L"\"%ls\\TUEPDU.exe\"",
-                         ReadInstallDir(kProfileClientKey).c_str());
-}
-
 }  // namespace
 
-int StopServiceAndWait(std::wstring serviceName) {
+int StopServiceAndWait(const std::wstring& serviceName) {
     const DWORD start = GetTickCount();
-    const std::wstring name = std::move(serviceName);
     const ServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
     if (!manager) {
         OutputDebugStringW(kOpenManagerFailed);
         return 0;
     }
-    const ServiceHandle service(OpenServiceW(manager.Get(), name.c_str(), kStopAccess));
+    const ServiceHandle service(OpenServiceW(manager.Get(), serviceName.c_str(), kStopAccess));
     SERVICE_STATUS_PROCESS status = {};
     if (!service || !QueryStatus(service, status)) {
         return 0;
@@ -247,7 +192,7 @@ bool StartServiceAndWait() {
         OutputDebugStringW(kOpenManagerFailed);
         return false;
     }
-    const ServiceHandle service(OpenServiceW(manager.Get(), kUploaderService, SERVICE_ALL_ACCESS));
+    const ServiceHandle service(OpenServiceW(manager.Get(), kTuepService, SERVICE_ALL_ACCESS));
     SERVICE_STATUS_PROCESS status = {};
     if (!service || !QueryStatus(service, status)) {
         return false;
@@ -264,14 +209,15 @@ bool StartServiceAndWait() {
     return runs;
 }
 
-void StopAndDeleteService(MSIHANDLE session, std::wstring serviceName) {
-    const std::wstring name = std::move(serviceName);
+void StopAndDeleteService(MSIHANDLE session, const std::wstring& serviceName) {
+    // Declared first, so that it is closed after the manager.
+    ServiceHandle service;
     ServiceHandle manager(OpenSCManagerW(nullptr, SERVICES_ACTIVE_DATABASEW, SC_MANAGER_ALL_ACCESS));
     if (!manager) {
         LogLastError(session, kLogManagerFailed);
     }
     // The manager's full access, asked for on the service: enough to stop and delete it.
-    const ServiceHandle service(OpenServiceW(manager.Get(), name.c_str(), SC_MANAGER_ALL_ACCESS));
+    service.Reset(OpenServiceW(manager.Get(), serviceName.c_str(), SC_MANAGER_ALL_ACCESS));
     if (!service) {
         LogLastError(session, kLogServiceFailed);
         manager.Reset();
@@ -281,7 +227,6 @@ void StopAndDeleteService(MSIHANDLE session, std::wstring serviceName) {
         LogLastError(session, kLogStopFailed);
     }
     DeleteService(service.Get());
-    manager.Reset();
 }
 
 void DeleteServiceByName(const std::wstring& serviceName) {
@@ -293,58 +238,6 @@ void DeleteServiceByName(const std::wstring& serviceName) {
     if (service) {
         DeleteService(service.Get());
     }
-}
-
-void InstallDataUploaderService() {
-    const std::wstring commandLine = UploaderCommandLine();
-    const ServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
-    if (!manager) {
-        WriteStandardOutput(kOpenManagerFailed);
-        return;
-    }
-    const ServiceHandle service(CreateServiceW(
-        manager.Get(), kUploaderService, kUploaderDisplayName, SERVICE_ALL_ACCESS,
-        SERVICE_WIN32_OWN_PROCESS | SERVICE_INTERACTIVE_PROCESS, SERVICE_AUTO_START, SERVICE_ERROR_NORMAL,
-        commandLine.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr));
-    if (service) {
-        SERVICE_DELAYED_AUTO_START_INFO delayed = {TRUE};
-        ChangeServiceConfig2W(service.Get(), SERVICE_CONFIG_DELAYED_AUTO_START_INFO, &delayed);
-    }
-}
-
-std::wstring GetServiceBinaryPath(ServiceHandle& manager, ServiceHandle& service) {
-    std::vector<BYTE> buffer(kFirstConfigBytes);
-    DWORD needed = 0;
-    while (QueryServiceConfigW(service.Get(), reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer.data()),
-                               static_cast<DWORD>(buffer.size()), &needed) == FALSE) {
-        const DWORD error = GetLastError();
-        // A demand that does not grow cannot be met and would be repeated for ever.
-        if (error != ERROR_INSUFFICIENT_BUFFER || needed <= buffer.size()) {
-            service.Reset();
-            manager.Reset();
-            throw std::system_error(static_cast<int>(error), std::system_category(),
-                                    "Unable to call QueryServiceConfig");
-        }
-        buffer.resize(needed);
-    }
-    const wchar_t* path = reinterpret_cast<const QUERY_SERVICE_CONFIGW*>(buffer.data())->lpBinaryPathName;
-    return path != nullptr ? path : L"";
-}
-
-std::wstring GetServiceImagePath(const std::wstring& serviceName) {
-    const RegKey key = RegKey::TryOpen(HKEY_LOCAL_MACHINE, kServicesKey + serviceName, KEY_QUERY_VALUE);
-    DWORD type = REG_NONE;
-    DWORD size = 0;
-    if (!key ||
-        RegQueryValueExW(key.Get(), kImagePathValue, nullptr, &type, nullptr, &size) != ERROR_SUCCESS ||
-        (type != REG_SZ && type != REG_EXPAND_SZ)) {
-        return {};
-    }
-    // Room for the terminator that the stored text may lack, and for half a character.
-    std::vector<wchar_t> text(size / sizeof(wchar_t) + 2, L'\0');
-    const LSTATUS status = RegQueryValueExW(key.Get(), kImagePathValue, nullptr, nullptr,
-                                            reinterpret_cast<BYTE*>(text.data()), &size);
-    return status == ERROR_SUCCESS ? text.data() : L"";
 }
 
 }  // namespace corvi

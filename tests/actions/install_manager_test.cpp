@@ -19,6 +19,7 @@
 #include "tests/support/import_hooks.h"
 #include "tests/support/installer_session.h"
 #include "tests/support/library.h"
+#include "tests/support/running_program.h"
 #include "tests/support/scratch_key.h"
 #include "tests/support/tool_recorder.h"
 
@@ -188,6 +189,52 @@ TEST_F(SetDCLogFileRegistryTest, ADriverKeyThatRefusesFullAccessIsSkipped) {
     EXPECT_EQ(Call("SetDCLogFileRegistry"), 0U);
     ExpectUntouched(first_);
     ExpectBothValues(second_);
+}
+
+TEST_F(SetDCLogFileRegistryTest, TheFirstDeviceOfTheListIsSeenToToo) {
+    const Adapter adapter(L"0001", L"TAVO", kFirstDriver);
+    // The machine's own adapters come first; without them the suite's is device 0.
+    CORVI_HOOK(hooks_, SetupDiEnumDeviceInfo,
+               [](HDEVINFO devices, DWORD index, PSP_DEVINFO_DATA device) -> BOOL {
+                   wchar_t manufacturer[64] = {};
+                   DWORD own = 0;
+                   while (SetupDiEnumDeviceInfo(devices, own, device) != FALSE &&
+                          (SetupDiGetDeviceRegistryPropertyW(devices, device, SPDRP_MFG, nullptr,
+                                                             reinterpret_cast<BYTE*>(manufacturer),
+                                                             sizeof(manufacturer), nullptr) == FALSE ||
+                           std::wstring(manufacturer) != L"TAVO")) {
+                       ++own;
+                   }
+                   return SetupDiEnumDeviceInfo(devices, own + index, device);
+               });
+    EXPECT_EQ(Call("SetDCLogFileRegistry"), 0U);
+    ExpectBothValues(first_);
+}
+
+TEST_F(SetDCLogFileRegistryTest, ADriverKeyNameThatIsEmptyOrDoesNotFitItsBufferNamesNoKey) {
+    const ScratchKey cut(std::wstring(kClassKey) + std::wstring(255 - std::wcslen(kClassKey), L'k'));
+    const Adapter adapter(L"0001", L"TAVO", std::wstring(256 - std::wcslen(kClassKey), L'k'));
+    EXPECT_EQ(Call("SetDCLogFileRegistry"), 0U);
+    ExpectUntouched(cut);
+
+    CORVI_HOOK(hooks_, SetupDiGetDeviceRegistryPropertyW,
+               [](HDEVINFO devices, PSP_DEVINFO_DATA device, DWORD property, PDWORD type, PBYTE buffer,
+                  DWORD size, PDWORD needed) -> BOOL {
+                   if (property == SPDRP_DRIVER) {
+                       *needed = 0;
+                       return TRUE;
+                   }
+                   return SetupDiGetDeviceRegistryPropertyW(devices, device, property, type, buffer, size,
+                                                            needed);
+               });
+    std::vector<std::wstring> opened;
+    CORVI_HOOK(hooks_, RegOpenKeyExW,
+               [&](HKEY root, LPCWSTR path, DWORD options, REGSAM access, PHKEY key) -> LSTATUS {
+                   opened.emplace_back(path);
+                   return RegOpenKeyExW(root, path, options, access, key);
+               });
+    EXPECT_EQ(Call("SetDCLogFileRegistry"), 0U);
+    EXPECT_THAT(opened, IsEmpty());
 }
 
 TEST_F(SetDCLogFileRegistryTest, TheDriversVersionIsReadAndLeftAsItIs) {
@@ -431,7 +478,7 @@ TEST_F(PostUnInstallKITETest, EndsTheProcessesFirstAndThenDeletesTheFourTasksInO
     EXPECT_EQ(Call("PostUnInstallKITE"), 0U);
     const auto runs = tools_.Runs();
     ASSERT_THAT(runs, SizeIs(5));
-    EXPECT_THAT(runs[0].commandLine, testing::EndsWith(L"\\TaskKill.exe\" /IM TAVOInstallManager.exe"));
+    EXPECT_THAT(runs[0].commandLine, testing::EndsWith(L"\\TaskKill.exe\" /IM TAVOInstallManager.exe /F"));
     for (size_t index = 0; index < kManagerTasks.size(); ++index) {
         EXPECT_THAT(runs[index + 1].commandLine,
                     testing::EndsWith(L" /delete /TN \"" + kManagerTasks[index] + L"\" /F"));
@@ -543,6 +590,17 @@ TEST_F(PostUnInstallKITETest, AnExitCodeThatIsNegativeAsASignedNumberIsLoggedSo)
     });
     EXPECT_EQ(Call("PostUnInstallKITE"), 0U);
     EXPECT_EQ(Log(), TaskLines(-1073741819));
+}
+
+using PostUnInstallKITEWithARunningManager = ActionTest;
+
+TEST_F(PostUnInstallKITEWithARunningManager, EndsItThoughItHasNoWindowToBeClosed) {
+    ToolRecorder tools;
+    tools.StandInForSystemTool(L"schtasks.exe", 1);
+    const ScratchKey key(kManagerKey);
+    const RunningProgram manager(L"TAVOInstallManager.exe");
+    EXPECT_EQ(Call("PostUnInstallKITE"), 0U);
+    EXPECT_TRUE(manager.Ends());
 }
 
 }  // namespace

@@ -8,6 +8,8 @@
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <memory>
 #include <numeric>
 #include <regex>
 #include <system_error>
@@ -119,11 +121,28 @@ protected:
         return number;
     }
 
+    /// Gives the platform's special folders another path; an empty one cannot be named.
+    void NameFolders(std::function<std::wstring(int)> name) {
+        CORVI_HOOK(journal.Hooks(), SHGetFolderLocation,
+                   [this, name](HWND window, int csidl, HANDLE token, DWORD flags,
+                                PIDLIST_ABSOLUTE* list) -> HRESULT {
+                       folder = name(csidl);
+                       return folder.empty() ? E_FAIL
+                                             : CORVI_ORIGINAL(journal.Hooks(), SHGetFolderLocation)(
+                                                   window, csidl, token, flags, list);
+                   });
+        CORVI_HOOK(journal.Hooks(), SHGetPathFromIDListW, [this](LPCITEMIDLIST, LPWSTR path) -> BOOL {
+            path[folder.copy(path, MAX_PATH - 1)] = L'\0';
+            return TRUE;
+        });
+    }
+
     void ThrowFromTheServiceManager() {
         CORVI_HOOK(journal.Hooks(), OpenSCManagerW,
                    [](LPCWSTR, LPCWSTR, DWORD) -> SC_HANDLE { throw std::runtime_error("injected"); });
     }
 
+    std::wstring folder;
     ScratchKey tavo{L"SOFTWARE\\TAVO"};
     ScratchKey tuep{L"SOFTWARE\\TUEP"};
     ScratchKey driver{L"SYSTEM\\CurrentControlSet\\Services\\tavofendr"};
@@ -229,15 +248,49 @@ TEST_F(PreInstallPpc, SwallowsAnErrorOnTheWay) {
     EXPECT_THAT(journal.Entries(), ElementsAre(kStopPpc[0], kStopPpc[1], kStopPpc[2]));
 }
 
-TEST_F(PreInstallPpc, FilePathsAreCutToTheirBuffer) {
-    const std::wstring deep = L"C:\\" + std::wstring(220, L'd');
-    CORVI_HOOK(journal.Hooks(), SHGetPathFromIDListW, [&](LPCITEMIDLIST, LPWSTR path) -> BOOL {
-        path[deep.copy(path, MAX_PATH - 1)] = L'\0';
-        return TRUE;
-    });
+TEST_F(PreInstallPpc, AFilePathThatDoesNotFitItsBufferIsLeftAlone) {
+    for (const size_t length : {size_t{210}, size_t{211}}) {
+        const std::wstring deep = L"C:\\" + std::wstring(length, L'd');
+        NameFolders([&](int) { return deep; });
+        EXPECT_EQ(Call("PreInstallPPC"), 0U);
+        const std::wstring path = deep + L"\\TAVO\\Performance Profile Client\\PPCSL.dll";
+        // Cut, the other file's path would name a third one.
+        if (path.size() == 255) {
+            EXPECT_THAT(journal.EntriesOf({L"file"}), ElementsAre(L"file " + path));
+        } else {
+            EXPECT_EQ(path.size(), 256U);
+            EXPECT_EQ(journal.EntriesOf({L"file"}).size(), 1U) << "that of the round before";
+        }
+    }
+}
+
+/// What lies where a path leads that is built on no folder at all.
+class OnTheDrivesRoot {
+public:
+    OnTheDrivesRoot() {
+        WriteFile(L"C:\\TAVO\\Performance Profile Client\\TAVOPPCUF.exe");
+        WriteFile(L"C:\\TAVO\\Performance Profile Client\\PPCSL.dll");
+    }
+    ~OnTheDrivesRoot() { fs::remove_all(L"C:\\TAVO"); }
+    OnTheDrivesRoot(const OnTheDrivesRoot&) = delete;
+    OnTheDrivesRoot& operator=(const OnTheDrivesRoot&) = delete;
+
+    bool IsComplete() const {
+        return fs::exists(L"C:\\TAVO\\Performance Profile Client\\TAVOPPCUF.exe") &&
+               fs::exists(L"C:\\TAVO\\Performance Profile Client\\PPCSL.dll");
+    }
+};
+
+TEST_F(PreInstallPpc, WithoutTheProgramFilesFolderDeletesNothingAndGoesOn) {
+    const OnTheDrivesRoot bystander;
+    WriteFile(kFolder + L"\\file.txt"s);
+    const DriverService driverService(kDriversUpTo24[0], L"C:\\Performance Profile Client\\x.sys");
+    NameFolders([](int csidl) { return csidl == CSIDL_PROGRAM_FILES ? L"" : L"C:\\windows"; });
     EXPECT_EQ(Call("PreInstallPPC"), 0U);
-    const std::wstring cut = (deep + L"\\TAVO\\Performance Profile Client\\TAVOPPCUF.exe").substr(0, 255);
-    EXPECT_THAT(journal.EntriesOf({L"file"}), ElementsAre(L"file " + cut, L"file " + cut.substr(0, 255)));
+    EXPECT_TRUE(bystander.IsComplete());
+    EXPECT_TRUE(fs::exists(kFolder + L"\\file.txt"s));
+    EXPECT_THAT(journal.Entries(),
+                ElementsAreArray(Joined({kStopPpc, kStopTuep, RemovalOf(kDriversUpTo24[0])})));
 }
 
 // PostInstallPPC
@@ -261,6 +314,33 @@ TEST_F(PostInstallPpc, CreatesAndStartsTheServiceRegistersTheTaskAndRunsIt) {
                 ElementsAreArray(Joined({{L"create TUEPLauncher"},
                                          kStartTuepService,
                                          {L"task", L"shell schtasks| /run /TN StartTUEP"}})));
+}
+
+TEST_F(PostInstallPpc, CountersGuidAndAccessComeBeforeTheServiceAndTheTaskBeforeTheHandover) {
+    fs::create_directories(kDataFolder);
+    tavo.SetText(L"TAVOAnalytics", L"TUEPClient", L"LSX");
+    CORVI_HOOK(
+        journal.Hooks(), RegSetValueExW,
+        [&](HKEY key, LPCWSTR name, DWORD reserved, DWORD type, const BYTE* data, DWORD size) -> LSTATUS {
+            journal.Add(L"set "s + name);
+            return CORVI_ORIGINAL(journal.Hooks(), RegSetValueExW)(key, name, reserved, type, data, size);
+        });
+    CORVI_HOOK(journal.Hooks(), RegDeleteValueW, [&](HKEY key, LPCWSTR name) -> LSTATUS {
+        journal.Add(L"forget "s + name);
+        return CORVI_ORIGINAL(journal.Hooks(), RegDeleteValueW)(key, name);
+    });
+    CORVI_HOOK(journal.Hooks(), SetSecurityInfo,
+               [&](HANDLE, SE_OBJECT_TYPE, SECURITY_INFORMATION, PSID, PSID, PACL, PACL) -> DWORD {
+                   journal.Add(L"access");
+                   return ERROR_SUCCESS;
+               });
+    EXPECT_EQ(PostInstall(), 0U);
+    EXPECT_THAT(journal.Entries(),
+                ElementsAreArray(Joined(
+                    {{L"set Disable Performance Counters", L"set GUID", L"access", L"create TUEPLauncher"},
+                     kStartTuepService,
+                     {L"task", L"shell schtasks| /run /TN StartTUEP", L"set LSX_TUEPStatus",
+                      L"set LSX_TUEPStatus", L"forget TUEPClient"}})));
 }
 
 TEST_F(PostInstallPpc, WithoutAnEventSourceStopsTheInstallBeforeAnythingIsDone) {
@@ -316,6 +396,36 @@ TEST_F(PostInstallPpc, KeepsAGuidWhateverItHolds) {
     EXPECT_EQ(Guid(), L"");
 }
 
+TEST_F(PostInstallPpc, OpensTheGuidsKeyForReadingOnlyWhenAGuidIsThere) {
+    tuep.SetText(L"", L"GUID", L"x");
+    std::vector<REGSAM> masks;
+    CORVI_HOOK(journal.Hooks(), RegOpenKeyExW,
+               [&](HKEY root, LPCWSTR path, DWORD options, REGSAM access, PHKEY key) -> LSTATUS {
+                   if (_wcsicmp(path, L"Software\\TUEP") == 0) {
+                       EXPECT_EQ(root, HKEY_LOCAL_MACHINE);
+                       masks.push_back(access);
+                   }
+                   return CORVI_ORIGINAL(journal.Hooks(), RegOpenKeyExW)(root, path, options, access, key);
+               });
+    EXPECT_EQ(PostInstall(), 0U);
+    EXPECT_THAT(masks, ElementsAre(REGSAM{KEY_READ}));
+}
+
+TEST_F(PostInstallPpc, AGuidThatCannotBeMadeIsNotWrittenAndTheRestFollows) {
+    CORVI_HOOK(journal.Hooks(), CoCreateGuid, [](GUID*) -> HRESULT { return E_FAIL; });
+    EXPECT_EQ(PostInstall(), 0U);
+    EXPECT_THAT(tuep.Bytes(L"GUID"), IsEmpty());
+    EXPECT_THAT(journal.Entries(), Contains(L"task"));
+
+    CORVI_HOOK(journal.Hooks(), CoCreateGuid, [](GUID* guid) -> HRESULT {
+        *guid = {};
+        return S_OK;
+    });
+    CORVI_HOOK(journal.Hooks(), StringFromGUID2, [](REFGUID, LPOLESTR, int) -> int { return 0; });
+    EXPECT_EQ(PostInstall(), 0U);
+    EXPECT_THAT(tuep.Bytes(L"GUID"), IsEmpty());
+}
+
 TEST_F(PostInstallPpc, ReplacesAGuidThatIsTooLongToBeRead) {
     tuep.SetText(L"", L"GUID", std::wstring(260, L'x'));
     EXPECT_EQ(PostInstall(), 0U);
@@ -344,6 +454,22 @@ TEST_F(PostInstallPpc, MarksTheClientAndTheDriversCopyForLsx) {
     EXPECT_EQ(Number(tuep.Path(), L"LSX_TUEPStatus"), 1U);
     EXPECT_EQ(Number(driver.Path() + L"\\State\\TUEP", L"LSX_TUEPStatus"), 1U);
     EXPECT_EQ(session.LogLines().back(), L"AfterInstallPPC::Client Name LSX");
+    EXPECT_EQ(RegGetValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\TAVO\\TAVOAnalytics", L"TUEPClient", RRF_RT_ANY,
+                           nullptr, nullptr, nullptr),
+              ERROR_FILE_NOT_FOUND);
+}
+
+TEST_F(PostInstallPpc, AClientsNameCountsUpTo520BytesAndGoesHoweverLongItIs) {
+    const std::wstring longest(259, L'c');
+    tavo.SetText(L"TAVOAnalytics", L"TUEPClient", longest);
+    EXPECT_EQ(PostInstall(), 0U);
+    EXPECT_EQ(Number(tuep.Path(), longest + L"_TUEPStatus"), 1U);
+
+    const std::wstring tooLong(260, L'd');
+    tavo.SetText(L"TAVOAnalytics", L"TUEPClient", tooLong);
+    EXPECT_EQ(PostInstall(), 0U);
+    EXPECT_EQ(Number(tuep.Path(), tooLong + L"_TUEPStatus"), 0xFFFFFFFF);
+    EXPECT_EQ(session.LogLines().back(), L"AfterInstallPPC::Registry status 0");
     EXPECT_EQ(RegGetValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\TAVO\\TAVOAnalytics", L"TUEPClient", RRF_RT_ANY,
                            nullptr, nullptr, nullptr),
               ERROR_FILE_NOT_FOUND);
@@ -523,6 +649,43 @@ TEST_F(PostInstallPpcAccess, WritesNoListWhenTheOldOneCannotBeRead) {
     EXPECT_THAT(journal.Entries(), Contains(L"create TUEPLauncher"));
 }
 
+TEST_F(PostInstallPpcAccess, AFolderWithoutAListIsOpenToAllAndGetsNone) {
+    CORVI_HOOK(journal.Hooks(), GetSecurityInfo,
+               [](HANDLE, SE_OBJECT_TYPE, SECURITY_INFORMATION, PSID*, PSID*, PACL* list, PACL*,
+                  PSECURITY_DESCRIPTOR* descriptor) -> DWORD {
+                   *list = nullptr;
+                   *descriptor = LocalAlloc(LMEM_FIXED, 16);
+                   return ERROR_SUCCESS;
+               });
+    EXPECT_EQ(PostInstall(), 0U);
+    EXPECT_THAT(written, IsEmpty());
+    EXPECT_THAT(journal.Entries(), Contains(L"create TUEPLauncher"));
+}
+
+TEST_F(PostInstallPpcAccess, CommonApplicationDataMayBeADrivesRoot) {
+    fs::create_directories(L"C:\\TAVO\\PPC");
+    NameFolders([](int) { return L"C:\\"; });
+    EXPECT_EQ(PostInstall(), 0U);
+    fs::remove_all(L"C:\\TAVO");
+    EXPECT_EQ(written.size(), 1U);
+}
+
+TEST_F(PostInstallPpcAccess, WithoutCommonApplicationDataNoFolderIsOpened) {
+    NameFolders([](int) { return L""; });
+    Lines opened;
+    CORVI_HOOK(journal.Hooks(), CreateFileW,
+               [&](LPCWSTR path, DWORD wanted, DWORD share, LPSECURITY_ATTRIBUTES security, DWORD how,
+                   DWORD flag, HANDLE model) -> HANDLE {
+                   opened.emplace_back(path);
+                   return CORVI_ORIGINAL(journal.Hooks(), CreateFileW)(path, wanted, share, security, how,
+                                                                       flag, model);
+               });
+    EXPECT_EQ(PostInstall(), 0U);
+    EXPECT_THAT(opened, IsEmpty());
+    EXPECT_THAT(written, IsEmpty());
+    EXPECT_THAT(journal.Entries(), Contains(L"create TUEPLauncher"));
+}
+
 TEST_F(PostInstallPpcAccess, WritesNoListWhenTheNewOneCannotBeMade) {
     CORVI_HOOK(journal.Hooks(), SetEntriesInAclW,
                [](ULONG, PEXPLICIT_ACCESSW, PACL, PACL*) -> DWORD { return ERROR_NOT_ENOUGH_MEMORY; });
@@ -672,14 +835,41 @@ TEST_F(AfterInstallPpc, AKeyThatCannotBeOpenedLetsTheRegistryErrorOut) {
     EXPECT_THAT(journal.Entries(), IsEmpty());
 }
 
-TEST_F(AfterInstallPpc, AListOfAnotherTypeLetsTheRegistryErrorOut) {
-    RegSetKeyValueW(HKEY_LOCAL_MACHINE, kSessionManager, kPending, REG_SZ, L"a", 4);
+TEST_F(AfterInstallPpc, AKeyThatCannotBeOpenedAgainLetsTheRegistryErrorOut) {
+    SetPending(L"a\0\0"s);
+    int opens = 0;
+    CORVI_HOOK(journal.Hooks(), RegOpenKeyExW,
+               [&](HKEY root, LPCWSTR path, DWORD options, REGSAM access, PHKEY key) -> LSTATUS {
+                   return ++opens == 2 ? ERROR_ACCESS_DENIED
+                                       : CORVI_ORIGINAL(journal.Hooks(), RegOpenKeyExW)(root, path, options,
+                                                                                        access, key);
+               });
     try {
         Call("AfterInstallPPC");
         ADD_FAILURE() << "nothing was thrown";
     } catch (const std::system_error& error) {
-        EXPECT_THAT(error.what(), StartsWith("Unable to get registry value"));
+        EXPECT_THAT(error.what(), StartsWith("Unable to open registry key"));
     }
+    EXPECT_THAT(journal.Entries(), IsEmpty());
+}
+
+TEST_F(AfterInstallPpc, AListOfAnotherTypeIsNothingToPrune) {
+    RegSetKeyValueW(HKEY_LOCAL_MACHINE, kSessionManager, kPending, REG_SZ, L"a", 4);
+    EXPECT_EQ(Call("AfterInstallPPC"), 0U);
+    EXPECT_THAT(writes, IsEmpty());
+    EXPECT_THAT(journal.Entries(), ElementsAreArray(kStartTuepService));
+}
+
+TEST_F(AfterInstallPpc, AListThatCannotBeReadIsNothingToPrune) {
+    SetPending(L"\\Performance Profile Client\0\0"s);
+    for (const LSTATUS error : {ERROR_ACCESS_DENIED, ERROR_NOT_ENOUGH_MEMORY, ERROR_KEY_DELETED}) {
+        CORVI_HOOK(journal.Hooks(), RegGetValueW,
+                   [=](HKEY, LPCWSTR, LPCWSTR, DWORD, LPDWORD, PVOID, LPDWORD) -> LSTATUS { return error; });
+        EXPECT_EQ(Call("AfterInstallPPC"), 0U);
+    }
+    EXPECT_THAT(writes, IsEmpty());
+    EXPECT_THAT(journal.Entries(),
+                ElementsAreArray(Joined({kStartTuepService, kStartTuepService, kStartTuepService})));
 }
 
 TEST_F(AfterInstallPpc, OtherErrorsAreSwallowed) {
@@ -766,6 +956,70 @@ TEST_F(UnInstallPpc, MovesWhatIsInUseOutOfTheWayForTheRestart) {
     EXPECT_NE(pending.find(L"\\??\\" + temporary + L"PPCtemp"), std::wstring::npos);
     RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, L"SYSTEM\\CurrentControlSet\\Control\\Session Manager",
                        L"PendingFileRenameOperations");
+}
+
+TEST_F(UnInstallPpc, DeletesTheFolderOf64BitProgramsBeforeTheOther) {
+    WriteFile(kFolder + L"\\file.txt"s);
+    WriteFile(kFolderX86 + L"\\file.txt"s);
+    EXPECT_EQ(Call("UnInstallPPC"), 0U);
+    Lines files = journal.EntriesOf({L"file"});
+    std::erase_if(files, [](const std::wstring& entry) { return !entry.ends_with(L"\\file.txt"); });
+    ASSERT_EQ(files.size(), 2U);
+    EXPECT_THAT(files[0], EndsWith(kFolder + L"\\file.txt"s));
+    EXPECT_THAT(files[1], EndsWith(kFolderX86 + L"\\file.txt"s));
+}
+
+TEST_F(UnInstallPpc, SetsTheInstallersFlagBeforeTheDriverServicesGo) {
+    const DriverService service(kDriver26, L"C:\\Performance Profile Client\\c.sys");
+    CORVI_HOOK(
+        journal.Hooks(), RegSetValueExW,
+        [&](HKEY key, LPCWSTR name, DWORD reserved, DWORD type, const BYTE* data, DWORD size) -> LSTATUS {
+            journal.Add(L"set "s + name);
+            return CORVI_ORIGINAL(journal.Hooks(), RegSetValueExW)(key, name, reserved, type, data, size);
+        });
+    EXPECT_EQ(Call("UnInstallPPC"), 0U);
+    const Lines entries = journal.Entries();
+    const Lines last = Joined({{kTrees.back(), L"set TUEP"}, RemovalOf(kDriver26)});
+    ASSERT_GT(entries.size(), last.size());
+    EXPECT_EQ(Lines(entries.end() - static_cast<ptrdiff_t>(last.size()), entries.end()), last);
+}
+
+TEST_F(UnInstallPpc, AFolderThatCannotBeNamedIsNeitherDeletedNorMoved) {
+    const OnTheDrivesRoot bystander;
+    const std::vector<int> all = {CSIDL_PROGRAM_FILES, CSIDL_PROGRAM_FILESX86};
+    for (const int unknown : all) {
+        WriteFile(kFolder + L"\\file.txt"s);
+        WriteFile(kFolderX86 + L"\\file.txt"s);
+        session.ClearMessages();
+        NameFolders([&](int csidl) {
+            const std::wstring name =
+                csidl == CSIDL_PROGRAM_FILES ? L"C:\\Program Files" : L"C:\\Program Files (x86)";
+            return csidl == unknown ? L"" : name;
+        });
+        const size_t before = journal.EntriesOf({L"move"}).size();
+        EXPECT_EQ(Call("UnInstallPPC"), 0U);
+        const Lines moves = journal.EntriesOf({L"move"});
+        const bool first = unknown == CSIDL_PROGRAM_FILES;
+        EXPECT_TRUE(bystander.IsComplete());
+        EXPECT_EQ(fs::exists(kFolder), first);
+        EXPECT_EQ(fs::exists(kFolderX86), !first);
+        EXPECT_EQ(Lines(moves.begin() + static_cast<ptrdiff_t>(before), moves.end()),
+                  first ? Lines({Moves()[2], Moves()[3]}) : Lines({Moves()[0], Moves()[1]}));
+        EXPECT_EQ(session.LogLines().size(), 2U);
+    }
+    EXPECT_EQ(Number(L"SOFTWARE\\TAVO\\Install", L"TUEP"), 1U) << "the rest follows";
+}
+
+TEST_F(UnInstallPpc, WithoutATemporaryDirectoryNothingIsMoved) {
+    for (const DWORD answer : {DWORD{0}, DWORD{MAX_PATH}, DWORD{MAX_PATH + 100}}) {
+        WriteFile(kFolder + L"\\file.txt"s);
+        CORVI_HOOK(journal.Hooks(), GetTempPathW, [=](DWORD, LPWSTR) -> DWORD { return answer; });
+        EXPECT_EQ(Call("UnInstallPPC"), 0U);
+        EXPECT_FALSE(fs::exists(kFolder)) << "it is deleted all the same";
+    }
+    EXPECT_THAT(journal.EntriesOf({L"move"}), IsEmpty());
+    EXPECT_THAT(session.LogLines(), IsEmpty());
+    EXPECT_EQ(Number(L"SOFTWARE\\TAVO\\Install", L"TUEP"), 1U);
 }
 
 TEST_F(UnInstallPpc, DeletesTheTreesOfBothViewsAndNothingBesideThem) {

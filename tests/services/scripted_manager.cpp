@@ -46,6 +46,7 @@ void ScriptedManager::HookOpening(ImportHooks& hooks) {
         EXPECT_EQ(machine, nullptr);
         calls.push_back("OpenSCManager " + Narrow(database) + " " + Hexadecimal(access));
         opened_ += managerError == 0 ? 1 : 0;
+        onOpenManager();
         return Result(managerError) != FALSE ? kManager : nullptr;
     });
     CORVI_HOOK(hooks, OpenServiceW, [this](SC_HANDLE manager, LPCWSTR name, DWORD access) -> SC_HANDLE {

@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include <deque>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -38,6 +39,9 @@ public:
     DWORD controlError = 0;
     DWORD startError = 0;
     DWORD deleteError = 0;
+
+    /// Runs while the manager is opened.
+    std::function<void()> onOpenManager = [] {};
 
     /// The calls so far, each with its telling arguments in hexadecimal: "OpenSCManager - F003F".
     std::vector<std::string> calls;

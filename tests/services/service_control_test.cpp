@@ -8,14 +8,12 @@
 #include <gtest/gtest.h>
 
 #include <cwchar>
-#include <system_error>
 
 #include "tests/services/hooked_clock.h"
 #include "tests/services/scripted_manager.h"
+#include "tests/services/service_handle_count.h"
 #include "tests/support/import_hooks.h"
 #include "tests/support/installer_session.h"
-#include "tests/support/scratch_key.h"
-#include "tests/support/standard_output.h"
 #include "tests/support/test_service.h"
 
 namespace corvi::test {
@@ -62,39 +60,6 @@ struct Scripted : TimedChannels {
     }
     ~Scripted() { EXPECT_TRUE(manager.AllClosed()); }
     ScriptedManager manager;
-};
-
-/// Counts the handles that the real service manager hands out and takes back.
-class HandleCount {
-public:
-    explicit HandleCount(ImportHooks& hooks) {
-        CORVI_HOOK(hooks, OpenSCManagerW, [&, this](LPCWSTR machine, LPCWSTR database, DWORD access) {
-            return Counted(CORVI_ORIGINAL(hooks, OpenSCManagerW)(machine, database, access));
-        });
-        CORVI_HOOK(hooks, OpenServiceW, [&, this](SC_HANDLE manager, LPCWSTR name, DWORD access) {
-            return Counted(CORVI_ORIGINAL(hooks, OpenServiceW)(manager, name, access));
-        });
-        CORVI_HOOK(hooks, CloseServiceHandle, [&, this](SC_HANDLE handle) -> BOOL {
-            const BOOL closed = CORVI_ORIGINAL(hooks, CloseServiceHandle)(handle);
-            open_ -= closed != FALSE ? 1 : 0;
-            failedCloses_ += closed != FALSE ? 0 : 1;
-            return closed;
-        });
-    }
-    ~HandleCount() {
-        EXPECT_EQ(open_, 0);
-        EXPECT_EQ(failedCloses_, 0);
-    }
-    HandleCount(const HandleCount&) = delete;
-    HandleCount& operator=(const HandleCount&) = delete;
-
-private:
-    SC_HANDLE Counted(SC_HANDLE handle) {
-        open_ += handle != nullptr ? 1 : 0;
-        return handle;
-    }
-    int open_ = 0;
-    int failedCloses_ = 0;
 };
 
 constexpr wchar_t kOpenManagerFailed[] = L"Error: Failed to open SCM.\n";
@@ -276,6 +241,15 @@ TEST(StopServiceAndWait, TheLimitAfterTheControlIsMeasuredFromTheEntry) {
     EXPECT_EQ(StopServiceAndWait(kName), 0);
     EXPECT_THAT(scripted.clock.sleeps, ElementsAre(10000U, 10000U, 5000U, 5000U, 5000U));
     EXPECT_THAT(scripted.debugger, ElementsAre(kStopPending, kStopPending, kStopTimedOut));
+}
+
+TEST(StopServiceAndWait, TheLimitIsMeasuredFromBeforeTheManagerIsOpened) {
+    Scripted slow({Running(), Stopping(6000)});
+    slow.manager.controlAnswer = Stopping(6000);
+    slow.manager.onOpenManager = [&] { slow.clock.now += 20000; };
+    EXPECT_EQ(StopServiceAndWait(kName), 0);
+    EXPECT_THAT(slow.clock.sleeps, ElementsAre(6000U, 6000U)) << "20000 ms had passed before";
+    EXPECT_THAT(slow.debugger, ElementsAre(kStopTimedOut));
 }
 
 TEST(StopServiceAndWait, AManagerThatDoesNotOpenGivesZero) {
@@ -480,6 +454,18 @@ TEST(StartServiceAndWait, ProgressRestartsTheTimerOfTheStart) {
     EXPECT_TRUE(StartServiceAndWait());
 }
 
+TEST(StartServiceAndWait, ACheckPointThatGoesBackIsNoProgress) {
+    Scripted back({Stopped(), Starting(2500, 5), Starting(2500, 4)});
+    EXPECT_FALSE(StartServiceAndWait());
+    EXPECT_EQ(back.clock.sleeps, std::vector<DWORD>(3, 1000));
+
+    // Nor is it remembered: to come back to where it was is none either.
+    Scripted again({Stopped(), Starting(2500, 5), Starting(2500, 4), Starting(2500, 5)});
+    EXPECT_FALSE(StartServiceAndWait());
+    EXPECT_EQ(again.clock.sleeps, std::vector<DWORD>(3, 1000));
+    EXPECT_THAT(again.debugger, ElementsAre(L"Warning: Service did not start successfully.\n"));
+}
+
 TEST(StartServiceAndWait, AFailingQueryIsReportedWhereverItHappens) {
     Scripted first({kFailingQuery});
     EXPECT_FALSE(StartServiceAndWait());
@@ -665,285 +651,6 @@ TEST(DeleteServiceByName, FailuresAreIgnoredAndHandlesClosed) {
     marked.deleteError = ERROR_SERVICE_MARKED_FOR_DELETE;
     DeleteServiceByName(kName);
     EXPECT_TRUE(marked.AllClosed());
-}
-
-// ---- InstallDataUploaderService
-
-constexpr wchar_t kInstallManagerKey[] =
-    L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\TAVO Prism Install Manager";
-constexpr wchar_t kProfileClientKey[] = L"SOFTWARE\\QEL Technologies\\Install\\PPC";
-constexpr wchar_t kFromNothing[] = L"\"\\TUEPDU.exe\"";
-
-/// What the service manager was asked to create.
-struct Creation {
-    std::wstring name, displayName, commandLine;
-    DWORD access = 0, type = 0, startType = 0, errorControl = 0;
-    bool restIsNull = false;
-};
-
-/// Runs the installation with CreateServiceW recorded and refused.
-std::vector<Creation> RecordCreation() {
-    std::vector<Creation> creations;
-    ImportHooks hooks(GetModuleHandleW(nullptr));
-    CORVI_HOOK(hooks, CreateServiceW,
-               [&](SC_HANDLE, LPCWSTR name, LPCWSTR displayName, DWORD access, DWORD type, DWORD startType,
-                   DWORD errorControl, LPCWSTR commandLine, LPCWSTR group, LPDWORD tag, LPCWSTR dependencies,
-                   LPCWSTR account, LPCWSTR password) -> SC_HANDLE {
-                   creations.push_back({name, displayName, commandLine, access, type, startType, errorControl,
-                                        group == nullptr && tag == nullptr && dependencies == nullptr &&
-                                            account == nullptr && password == nullptr});
-                   SetLastError(ERROR_SERVICE_EXISTS);
-                   return nullptr;
-               });
-    const HandleCount handles(hooks);
-    InstallDataUploaderService();
-    return creations;
-}
-
-std::wstring RecordCommandLine() {
-    const auto creations = RecordCreation();
-    return creations.size() == 1 ? creations.front().commandLine : L"not one creation";
-}
-
-TEST(InstallDataUploaderService, CreatesTheServiceWithTheGivenSettings) {
-    const auto creations = RecordCreation();
-    ASSERT_EQ(creations.size(), 1U);
-    const Creation& creation = creations.front();
-    EXPECT_EQ(creation.name, L"TUEPLauncher");
-    EXPECT_EQ(creation.displayName, L"TAVO User Experience Program Data Uploader");
-    EXPECT_EQ(creation.access, 0xF01FFU);
-    EXPECT_EQ(creation.type, 0x110U);
-    EXPECT_EQ(creation.startType, 2U);
-    EXPECT_EQ(creation.errorControl, 1U);
-    EXPECT_TRUE(creation.restIsNull);
-}
-
-TEST(InstallDataUploaderService, AnExistingInstallManagerDirectoryLeadsToTheClientBesideIt) {
-    const ScratchKey manager(kInstallManagerKey);
-    manager.SetText(L"", L"InstallDir", L"C:\\corvi");
-    const ScratchKey client(kProfileClientKey);
-    client.SetText(L"", L"InstallDir", L"C:\\windows");
-    EXPECT_EQ(RecordCommandLine(), L"\"C:\\corvi\\..\\Performance Profile Client\\TUEPDU.exe\"");
-}
-
-TEST(InstallDataUploaderService, ADirectoryThatDoesNotExistLeadsToTheProfileClientsOwn) {
-    const ScratchKey manager(kInstallManagerKey);
-    manager.SetText(L"", L"InstallDir", L"C:\\corvi\\no such directory");
-    const ScratchKey client(kProfileClientKey);
-    client.SetText(L"", L"InstallDir", L"C:\\not there either\\");
-    EXPECT_EQ(RecordCommandLine(), L"\"C:\\not there either\\\\TUEPDU.exe\"");
-}
-
-TEST(InstallDataUploaderService, WithoutEitherDirectoryTheLineIsFormattedWithAnEmptyText) {
-    EXPECT_EQ(RecordCommandLine(), kFromNothing);
-    const ScratchKey manager(kInstallManagerKey);
-    manager.SetText(L"", L"InstallDir", L"C:\\corvi\\no such directory");
-    EXPECT_EQ(RecordCommandLine(), kFromNothing);
-}
-
-TEST(InstallDataUploaderService, NoMoreThan260BytesOfTheDirectoryAreRead) {
-    const ScratchKey client(kProfileClientKey);
-    const std::wstring longest(130, L'd');
-    client.SetValue(L"", L"InstallDir", REG_SZ, longest.c_str(), 129 * sizeof(wchar_t));
-    EXPECT_EQ(RecordCommandLine(), L"\"" + longest.substr(1) + L"\\TUEPDU.exe\"");
-    client.SetText(L"", L"InstallDir", longest.substr(1));
-    EXPECT_EQ(RecordCommandLine(), L"\"" + longest.substr(1) + L"\\TUEPDU.exe\"");
-    client.SetText(L"", L"InstallDir", longest);
-    EXPECT_EQ(RecordCommandLine(), kFromNothing) << "262 bytes with the terminator";
-}
-
-TEST(InstallDataUploaderService, AValueThatFillsAll260BytesIsTerminatedSafely) {
-    const ScratchKey client(kProfileClientKey);
-    // The platform adds a terminator of its own when the data is followed by one.
-    const std::wstring text(131, L'd');
-    client.SetValue(L"", L"InstallDir", REG_SZ, text.c_str(), 260);
-    EXPECT_EQ(RecordCommandLine(), L"\"" + text.substr(1) + L"\\TUEPDU.exe\"");
-}
-
-TEST(InstallDataUploaderService, ReadsTheDirectoryWithReadAccessAnd260Bytes) {
-    const ScratchKey manager(kInstallManagerKey);
-    const ScratchKey client(kProfileClientKey);
-    ImportHooks hooks(GetModuleHandleW(nullptr));
-    Lines opened;
-    int queries = 0;
-    CORVI_HOOK(hooks, RegOpenKeyExW,
-               [&](HKEY root, LPCWSTR subkey, DWORD options, REGSAM access, PHKEY key) -> LSTATUS {
-                   EXPECT_EQ(root, HKEY_LOCAL_MACHINE);
-                   EXPECT_EQ(access, DWORD{KEY_READ});
-                   opened.emplace_back(subkey);
-                   return CORVI_ORIGINAL(hooks, RegOpenKeyExW)(root, subkey, options, access, key);
-               });
-    CORVI_HOOK(hooks, RegQueryValueExW,
-               [&](HKEY, LPCWSTR name, LPDWORD, LPDWORD type, LPBYTE, LPDWORD size) -> LSTATUS {
-                   ++queries;
-                   EXPECT_STREQ(name, L"InstallDir");
-                   EXPECT_EQ(*type, DWORD{REG_SZ});
-                   EXPECT_EQ(*size, 260U);
-                   return ERROR_FILE_NOT_FOUND;
-               });
-    CORVI_HOOK(hooks, OpenSCManagerW, [](LPCWSTR, LPCWSTR, DWORD) -> SC_HANDLE { return nullptr; });
-    StandardOutput output;
-    InstallDataUploaderService();
-    EXPECT_THAT(opened, ElementsAre(kInstallManagerKey, kProfileClientKey));
-    EXPECT_EQ(queries, 2);
-}
-
-TEST(InstallDataUploaderService, ADirectoryOfAnotherTypeCountsAsMissing) {
-    const ScratchKey client(kProfileClientKey);
-    client.SetNumber(L"", L"InstallDir", 0x00420041);
-    EXPECT_EQ(RecordCommandLine(), kFromNothing);
-}
-
-TEST(InstallDataUploaderService, TheServiceIsThereAfterwardsAndAnExistingOneIsLeftAsItIs) {
-    const ScratchKey client(kProfileClientKey);
-    client.SetText(L"", L"InstallDir", L"C:\\first");
-    InstallDataUploaderService();
-    EXPECT_EQ(GetServiceImagePath(kUploader), L"\"C:\\first\\TUEPDU.exe\"");
-    client.SetText(L"", L"InstallDir", L"C:\\second");
-    InstallDataUploaderService();
-    EXPECT_EQ(GetServiceImagePath(kUploader), L"\"C:\\first\\TUEPDU.exe\"");
-    DeleteServiceByName(kUploader);
-    EXPECT_FALSE(ServiceExists(kUploader));
-}
-
-TEST(InstallDataUploaderService, ACreatedServiceIsSetToDelayedStart) {
-    ImportHooks hooks(GetModuleHandleW(nullptr));
-    std::vector<DWORD> levels;
-    CORVI_HOOK(hooks, ChangeServiceConfig2W, [&](SC_HANDLE service, DWORD level, LPVOID info) -> BOOL {
-        EXPECT_NE(service, nullptr);
-        levels.push_back(level);
-        EXPECT_EQ(static_cast<SERVICE_DELAYED_AUTO_START_INFO*>(info)->fDelayedAutostart, TRUE);
-        return TRUE;
-    });
-    InstallDataUploaderService();
-    InstallDataUploaderService();
-    EXPECT_THAT(levels, ElementsAre(DWORD{SERVICE_CONFIG_DELAYED_AUTO_START_INFO}))
-        << "once: the second time the service exists";
-    hooks.RestoreAll();
-    DeleteServiceByName(kUploader);
-}
-
-TEST(InstallDataUploaderService, AManagerThatDoesNotOpenIsReportedOnStandardOutputOnly) {
-    Channels channels;
-    ScriptedManager manager(channels.hooks);
-    manager.managerError = ERROR_ACCESS_DENIED;
-    StandardOutput output;
-    InstallDataUploaderService();
-    EXPECT_EQ(output.Text(), "Error: Failed to open SCM.\n");
-    EXPECT_THAT(channels.debugger, IsEmpty());
-    EXPECT_THAT(manager.calls, ElementsAre("OpenSCManager - F003F"));
-}
-
-// ---- GetServiceBinaryPath
-
-ServiceHandle Manager() { return ServiceHandle(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS)); }
-
-TEST(GetServiceBinaryPath, GivesThePathAsStoredQuotesAndArgumentsIncluded) {
-    const TestService service(kName, L"\"C:\\corvi\\service.exe\" ", L"plain");
-    ServiceHandle manager = Manager();
-    ServiceHandle handle(OpenServiceW(manager.Get(), kName, SERVICE_QUERY_CONFIG));
-    EXPECT_EQ(GetServiceBinaryPath(manager, handle), L"\"C:\\corvi\\service.exe\" plain");
-    EXPECT_TRUE(manager && handle) << "both stay open";
-}
-
-TEST(GetServiceBinaryPath, StartsWith64BytesAndGrowsToWhatIsAskedFor) {
-    const TestService service(kName, L"plain");
-    ServiceHandle manager = Manager();
-    ServiceHandle handle(OpenServiceW(manager.Get(), kName, SERVICE_QUERY_CONFIG));
-    ImportHooks hooks(GetModuleHandleW(nullptr));
-    std::vector<DWORD> offered;
-    std::vector<DWORD> asked;
-    CORVI_HOOK(hooks, QueryServiceConfigW,
-               [&](SC_HANDLE target, LPQUERY_SERVICE_CONFIGW config, DWORD size, LPDWORD needed) -> BOOL {
-                   offered.push_back(size);
-                   const BOOL done = CORVI_ORIGINAL(hooks, QueryServiceConfigW)(target, config, size, needed);
-                   asked.push_back(*needed);
-                   return done;
-               });
-    EXPECT_EQ(GetServiceBinaryPath(manager, handle), L"C:\\corvi\\service.exe plain");
-    EXPECT_THAT(offered, ElementsAre(64U, asked.at(0)));
-}
-
-TEST(GetServiceBinaryPath, AnErrorClosesServiceAndManagerAndCarriesTheCode) {
-    ImportHooks hooks(GetModuleHandleW(nullptr));
-    ScriptedManager scripted(hooks);
-    ServiceHandle manager = Manager();
-    ServiceHandle handle(OpenServiceW(manager.Get(), kName, SERVICE_QUERY_CONFIG));
-    CORVI_HOOK(hooks, QueryServiceConfigW, [](SC_HANDLE, LPQUERY_SERVICE_CONFIGW, DWORD, LPDWORD) -> BOOL {
-        SetLastError(ERROR_ACCESS_DENIED);
-        return FALSE;
-    });
-    try {
-        GetServiceBinaryPath(manager, handle);
-        FAIL() << "nothing was thrown";
-    } catch (const std::system_error& error) {
-        EXPECT_EQ(error.code().value(), ERROR_ACCESS_DENIED);
-        EXPECT_EQ(error.code().category(), std::system_category());
-        EXPECT_EQ(std::string(error.what()).rfind("Unable to call QueryServiceConfig", 0), 0U);
-    }
-    EXPECT_THAT(scripted.closed, ElementsAre("service", "manager"));
-    EXPECT_FALSE(manager || handle);
-}
-
-TEST(GetServiceBinaryPath, ADemandThatNeverGrowsIsAnErrorAndNotAnEndlessLoop) {
-    ImportHooks hooks(GetModuleHandleW(nullptr));
-    ScriptedManager scripted(hooks);
-    ServiceHandle manager = Manager();
-    ServiceHandle handle(OpenServiceW(manager.Get(), kName, SERVICE_QUERY_CONFIG));
-    CORVI_HOOK(hooks, QueryServiceConfigW,
-               [](SC_HANDLE, LPQUERY_SERVICE_CONFIGW, DWORD, LPDWORD needed) -> BOOL {
-                   *needed = 100;
-                   SetLastError(ERROR_INSUFFICIENT_BUFFER);
-                   return FALSE;
-               });
-    EXPECT_THROW(GetServiceBinaryPath(manager, handle), std::system_error);
-}
-
-// ---- GetServiceImagePath
-
-constexpr wchar_t kServiceKey[] = L"SYSTEM\\CurrentControlSet\\Services\\CorviPlanted";
-
-TEST(GetServiceImagePath, GivesTheTextAsStored) {
-    const ScratchKey key(kServiceKey);
-    const std::wstring text = L"%SystemRoot%\\System32\\drivers\\Some Driver.sys -x";
-    key.SetText(L"", L"ImagePath", text);
-    EXPECT_EQ(GetServiceImagePath(L"CorviPlanted"), text);
-    key.SetValue(L"", L"ImagePath", REG_EXPAND_SZ, text.c_str(), (text.size() + 1) * sizeof(wchar_t));
-    EXPECT_EQ(GetServiceImagePath(L"CorviPlanted"), text) << "not expanded";
-    const std::wstring longText(2000, L'p');
-    key.SetText(L"", L"ImagePath", longText);
-    EXPECT_EQ(GetServiceImagePath(L"CorviPlanted"), longText);
-}
-
-TEST(GetServiceImagePath, AMissingKeyOrValueGivesAnEmptyText) {
-    EXPECT_EQ(GetServiceImagePath(L"CorviNoSuchService"), L"");
-    EXPECT_EQ(GetServiceImagePath(L""), L"");
-    const ScratchKey key(kServiceKey);
-    EXPECT_EQ(GetServiceImagePath(L"CorviPlanted"), L"");
-}
-
-TEST(GetServiceImagePath, BadDataGivesADefinedText) {
-    const ScratchKey key(kServiceKey);
-    key.SetNumber(L"", L"ImagePath", 0x00420041);
-    EXPECT_EQ(GetServiceImagePath(L"CorviPlanted"), L"");
-    key.SetValue(L"", L"ImagePath", REG_SZ, L"", 0);
-    EXPECT_EQ(GetServiceImagePath(L"CorviPlanted"), L"");
-    key.SetValue(L"", L"ImagePath", REG_SZ, L"abcdef", 6);
-    EXPECT_EQ(GetServiceImagePath(L"CorviPlanted"), L"abc") << "no terminator";
-    key.SetValue(L"", L"ImagePath", REG_SZ, L"ab\0cd", 12);
-    EXPECT_EQ(GetServiceImagePath(L"CorviPlanted"), L"ab");
-}
-
-TEST(GetServiceImagePath, AsksForNoMoreThanToQuery) {
-    const ScratchKey key(kServiceKey);
-    ImportHooks hooks(GetModuleHandleW(nullptr));
-    CORVI_HOOK(hooks, RegOpenKeyExW,
-               [&](HKEY root, LPCWSTR subkey, DWORD options, REGSAM access, PHKEY opened) -> LSTATUS {
-                   EXPECT_STREQ(subkey, kServiceKey);
-                   EXPECT_EQ(access, DWORD{KEY_QUERY_VALUE});
-                   return CORVI_ORIGINAL(hooks, RegOpenKeyExW)(root, subkey, options, access, opened);
-               });
-    EXPECT_EQ(GetServiceImagePath(L"CorviPlanted"), L"");
 }
 
 }  // namespace
