@@ -3,10 +3,10 @@
 #include <windows.h>
 
 #include <algorithm>
-#include <array>
 #include <optional>
 #include <vector>
 
+#include "runtime/known_paths.h"
 #include "runtime/registry.h"
 #include "runtime/text.h"
 
@@ -107,19 +107,12 @@ std::optional<std::wstring> CutProductCode(const std::wstring& text) {
     return text.substr(open, close - open + 1);
 }
 
-/// Empty when the platform does not tell it, or not as a whole.
-std::wstring WindowsDirectory() {
-    std::array<wchar_t, MAX_PATH> buffer = {};
-    const UINT length = GetWindowsDirectoryW(buffer.data(), static_cast<UINT>(buffer.size()));
-    return length < buffer.size() ? std::wstring(buffer.data(), length) : std::wstring();
-}
-
 /// Deletes the installer's notes of the folders that lie in the product's cache folder. source: a text
 /// with the braced product code; without one, or without the Windows directory, no folder is known to be
 /// the product's, and all stay.
 void RemoveCachedFolders(const std::wstring& source) {
     const std::optional<std::wstring> productCode = CutProductCode(source);
-    const std::wstring windows = WindowsDirectory();
+    const std::wstring windows = GetWindowsFolder();
     if (!productCode || windows.empty()) {
         return;
     }
