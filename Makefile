@@ -1,5 +1,5 @@
 # The front door. Every target sets up what it needs first; 'make help' lists them.
-.PHONY: help setup build debug demo test check bench clean
+.PHONY: help setup build debug demo test check bench dist sign clean
 .DEFAULT_GOAL := help
 
 # The sources stay clean: no compiled scripts beside them.
@@ -8,18 +8,22 @@ export PYTHONDONTWRITEBYTECODE := 1
 JOBS := $(shell nproc 2>/dev/null || echo 2)
 
 help: ## list the targets
-	@sed -n 's/^\([a-z]*\):.*## \(.*\)/  make \1\t\2/p' Makefile | expand -t 16
+	@sed -n 's/^\([a-z-]*\):.*## \(.*\)/  make \1\t\2/p' Makefile | expand -t 20
 
-setup: ## install the Debian packages that are missing (as root or through sudo)
+setup: ## install the Debian packages that are missing, for every target (as root or through sudo)
 	@sh scripts/setup.sh
 
-build/release/CMakeCache.txt: | setup
+# setup-test: what 'make test' needs; each target asks for its own alone.
+setup-%:
+	@sh scripts/setup.sh build $*
+
+build/release/CMakeCache.txt: | setup-build
 	@cmake --preset release >/dev/null
 
-build: setup build/release/CMakeCache.txt ## the release build: build/Corvi_CA.dll and corvi.exe, their symbols beside them
+build: setup-build build/release/CMakeCache.txt ## the release build: build/Corvi_CA.dll and corvi.exe, their symbols beside them
 	@cmake --build --preset release --target Corvi_CA corvi -j $(JOBS)
 
-debug: setup ## a build for the debugger: build/debug/Corvi_CA.dll
+debug: setup-build ## a build for the debugger: build/debug/Corvi_CA.dll
 	@cmake --preset debug >/dev/null
 	@cmake --build --preset debug --target Corvi_CA -j $(JOBS)
 
@@ -27,16 +31,24 @@ demo: build ## install a real package through the library and show the installer
 	@cmake --build --preset release --target demo_packages -j $(JOBS)
 	@sh scripts/demo.sh
 
-test: setup build/release/CMakeCache.txt ## build and run every test
+test: setup-test build/release/CMakeCache.txt ## build and run every test
 	@cmake --build --preset release -j $(JOBS)
 	@ctest --preset release -j $(JOBS)
 
-check: build ## format, lint, static analysis, folder floors, size budget
+check: setup-check build ## format, lint, static analysis, folder floors, size budget, names and texts
 	@sh scripts/check.sh
 
 bench: build ## measure against the alternatives: a table, and build/bench.json
 	@cmake --build --preset release --target corvi_bench -j $(JOBS)
 	@sh bench/run-bench.sh
+
+dist: setup-dist build ## the release archive: build/corvi-VERSION.zip
+	@cmake --build --preset release --target release_files -j $(JOBS)
+	@sh scripts/dist.sh
+
+sign: setup-sign build ## sign the DLL and the tool: make sign CERT=chain.pem KEY=key.pem [TIMESTAMP=URL] [CA=roots.pem]
+	@CERT="$(CERT)" KEY="$(KEY)" TIMESTAMP="$(TIMESTAMP)" CA="$(CA)" \
+	  sh scripts/sign.sh build/Corvi_CA.dll build/corvi.exe
 
 clean: ## remove everything that was built
 	rm -rf build

@@ -14,9 +14,16 @@ else()
   target_compile_options(corvi_product_options INTERFACE
     $<$<COMPILE_LANGUAGE:CXX>:-g;-ffunction-sections;-fdata-sections;-fstack-protector-strong>)
   target_link_options(corvi_product_options INTERFACE -fstack-protector-strong)
-  # The same commit gives the same bytes wherever it is built: no folder of this machine in the symbols.
-  add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-ffile-prefix-map=${CMAKE_BINARY_DIR}=build>
-                      $<$<COMPILE_LANGUAGE:CXX>:-ffile-prefix-map=${CMAKE_SOURCE_DIR}=.>)
+  # The same commit gives the same bytes wherever and whenever it is built: no folder of this machine in the
+  # symbols, no time in the headers.
+  add_link_options(-Wl,--no-insert-timestamp)
+  # The compiler cache hands over the same paths in relative form.
+  file(RELATIVE_PATH to_source ${CMAKE_BINARY_DIR} ${CMAKE_SOURCE_DIR})
+  file(RELATIVE_PATH to_build ${CMAKE_SOURCE_DIR} ${CMAKE_BINARY_DIR})
+  string(REGEX REPLACE "/$" "" to_source "${to_source}")
+  foreach(map ${to_source}=. generated=./${to_build}/generated ${CMAKE_SOURCE_DIR}=.)
+    add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-ffile-prefix-map=${map}>)
+  endforeach()
   # The optimised build is for size: the installer writes the DLL out for every single call.
   target_compile_options(corvi_product_options INTERFACE
     $<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CONFIG:Release>>:-Os;-D_FORTIFY_SOURCE=2>)

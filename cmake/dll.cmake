@@ -8,11 +8,11 @@ set_target_properties(Corvi_CA PROPERTIES
   PREFIX "" RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/unstripped)
 if(NOT MSVC)
   target_link_options(Corvi_CA PRIVATE
-    -static -Wl,--dynamicbase,--nxcompat,--high-entropy-va,--gc-sections,--exclude-all-symbols,--no-insert-timestamp)
+    -static -Wl,--dynamicbase,--nxcompat,--high-entropy-va,--gc-sections,--exclude-all-symbols)
   set(finished ${CORVI_OUTPUT_DIRECTORY}/Corvi_CA.dll)
   add_custom_command(TARGET Corvi_CA POST_BUILD
-    COMMAND ${CMAKE_OBJCOPY} --only-keep-debug $<TARGET_FILE:Corvi_CA> ${finished}.debug
-    COMMAND ${CMAKE_OBJCOPY} --strip-all --add-gnu-debuglink=${finished}.debug
+    COMMAND ${CMAKE_OBJCOPY} --preserve-dates --only-keep-debug $<TARGET_FILE:Corvi_CA> ${finished}.debug
+    COMMAND ${CMAKE_OBJCOPY} --preserve-dates --strip-all --add-gnu-debuglink=${finished}.debug
             $<TARGET_FILE:Corvi_CA> ${finished}
     BYPRODUCTS ${finished} ${finished}.debug
     VERBATIM)

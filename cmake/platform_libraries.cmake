@@ -10,7 +10,9 @@ else()
   set(xmllite_library ${CMAKE_BINARY_DIR}/libxmllite.a)
   add_custom_command(
     OUTPUT ${xmllite_library}
-    COMMAND ${CORVI_DLLTOOL} -d ${CMAKE_CURRENT_LIST_DIR}/xmllite.def -l ${xmllite_library}
+    # Relative names: the tool makes symbols of them.
+    COMMAND ${CORVI_DLLTOOL} -d ${CMAKE_CURRENT_LIST_DIR}/xmllite.def -l libxmllite.a -t xmllite
+    WORKING_DIRECTORY ${CMAKE_BINARY_DIR}
     DEPENDS ${CMAKE_CURRENT_LIST_DIR}/xmllite.def
     VERBATIM)
   add_custom_target(corvi_xmllite DEPENDS ${xmllite_library})

@@ -1,17 +1,32 @@
 #!/bin/sh
-# Installs what the build, the tests and the checks need and this machine lacks: Debian 12's own
-# packages, as root or through sudo. Says nothing when nothing is missing.
+# Installs what a target needs and this machine lacks: Debian's own packages, as root or through sudo. Says
+# nothing when nothing is missing. usage: setup.sh [build] [test] [check] [dist] [sign]   (default: all)
 set -eu
 
-packages="
-cmake ninja-build ccache python3
+# What each kind of work needs: the build and the demonstration; then what the others need beside it.
+packages_build="
+git cmake ninja-build ccache python3
 g++-mingw-w64-x86-64-win32 gcc-mingw-w64-x86-64-win32 binutils-mingw-w64-x86-64
 googletest
 libcli11-dev nlohmann-json3-dev
 wine wine64
-wixl msitools
-clang-format clang-tidy cppcheck gcovr
-"
+wixl msitools"
+packages_check="clang-format clang-tidy cppcheck"
+packages_dist="pandoc"
+packages_sign="osslsigncode openssl ca-certificates"
+# The tests build a release archive and sign with a certificate of their own.
+packages_test="$packages_dist $packages_sign"
+
+packages=
+for group in "${@:-build check dist sign test}"; do
+  for name in $group; do
+    case $name in
+      build | check | dist | sign | test) eval "packages=\"\$packages \$packages_$name\"" ;;
+      *) echo "setup: no such kind of work: $name" >&2; exit 2 ;;
+    esac
+  done
+done
+packages=$(printf '%s\n' $packages | sort -u)
 
 missing=
 for package in $packages; do
