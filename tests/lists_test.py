@@ -113,6 +113,20 @@ class Lists(unittest.TestCase):
             for counterpart in re.findall(r'\.takenBackBy = "(\w+)"', text):
                 self.assertIn(f"`{counterpart}`", bullet(said[action], "Taken back by"), action)
 
+    def test_the_table_of_facts_and_the_reference_say_the_same_of_the_schedule(self):
+        said = dict(entries())
+        facts = re.findall(r'\{\.name = "(\w+)",(.*?)(?=\{\.name = "\w+",\s*\.room|\Z)', read("tool", "action_facts.cpp"),
+                           re.DOTALL)
+        schedules = {}
+        for action, text in facts:
+            match = re.search(r'\.schedule =((?:\s*"(?:[^"\\]|\\.)*")+),', text)
+            if match:
+                pieces = re.findall(r'"((?:[^"\\]|\\.)*)"', match[1])
+                schedules[action] = "".join(pieces).replace('\\"', '"').replace("\\\\", "\\")
+        self.assertEqual(self.exports, set(schedules))
+        for action, schedule in schedules.items():
+            self.assertEqual(" ".join(bullet(said[action], "Schedule").split()), schedule, action)
+
     def test_the_examples_of_the_reference_and_the_readme_are_those_that_the_tests_install(self):
         sources = "\n".join(path.read_text(encoding="utf-8") for folder in ("package", "tests/fixtures")
                             for path in ROOT.glob(f"{folder}/*.wxs"))

@@ -245,8 +245,9 @@ const std::vector<ActionFacts> kLaunchGuard = {
      .onResult = Return::Ignore,
      .returnReason = "its result is always 0",
      .schedule =
-         "Deferred, elevated, on a first install only; declared `Return=\"ignore\"`: its result is always 0.",
-     .condition = "NOT Installed",
+         "Deferred, elevated, on a first install only, `NOT Installed AND NOT WIX_UPGRADE_DETECTED`: in an "
+         "upgrade the key may be this driver's own. Declared `Return=\"ignore\"`: its result is always 0.",
+     .condition = "NOT Installed AND NOT WIX_UPGRADE_DETECTED",
      .place = "After=\"InstallInitialize\"",
      .changes = "Deletes the machine key SOFTWARE\\QEL with everything below it.",
      .deletes = {"the machine key SOFTWARE\\QEL with everything below it", true, false},
@@ -262,7 +263,8 @@ const std::vector<ActionFacts> kLogonTasks = {
      .onResult = Return::Check,
      .returnReason = "without an install location there is nothing to start",
      .schedule = "Deferred, elevated, after the files and registry values are written, `NOT REMOVE`. "
-                 "`Return=\"check\"`: without an install location there is nothing to start.",
+                 "`Return=\"check\"`: without an install location there is nothing to start. Its rollback on "
+                 "a first install, `NOT Installed`.",
      .condition = "NOT REMOVE",
      .place = "Before=\"InstallFinalize\"",
      .reads = {kSettingsLocationNeeded},
@@ -289,8 +291,10 @@ const std::vector<ActionFacts> kLogonTasks = {
      .purpose = "Registers the task StartDVR that starts the recording server at logon.",
      .onResult = Return::Check,
      .returnReason = "without an install location there is nothing to start",
-     .schedule = "Deferred, elevated, after the files and registry values, `NOT REMOVE`, `Return=\"check\"`. "
-                 "The settings application must be installed first: its location is used.",
+     .schedule =
+         "Deferred, elevated, after the files and registry values, `NOT REMOVE`, `Return=\"check\"`. The "
+         "settings application must be installed first: its location is used, and a registry search for it "
+         "belongs into the condition. Its rollback on a first install, `NOT Installed`.",
      .condition = "CORVI_SETTINGS_LOCATION AND NOT REMOVE",
      .place = "Before=\"InstallFinalize\"",
      .reads = {kSettingsLocationNeeded},
@@ -312,7 +316,9 @@ const std::vector<ActionFacts> kLogonTasks = {
      .onResult = Return::Ignore,
      .returnReason = "it answers 1 for success",
      .schedule =
-         "Deferred, elevated, `REMOVE=\"ALL\"`; declared `Return=\"ignore\"`: it answers 1 for success.",
+         "Deferred, elevated, `REMOVE=\"ALL\"`, in an upgrade as well: the newer version registers the task "
+         "from its own file, which schtasks does only where no task of that name is. Its rollback brings the "
+         "task back when the removal fails. Declared `Return=\"ignore\"`: it answers 1 for success.",
      .condition = "REMOVE=\"ALL\"",
      .place = "After=\"InstallInitialize\"",
      .changes = "Runs schtasks /delete /TN \"StartHX\" /F and waits for it.",
@@ -326,8 +332,8 @@ const std::vector<ActionFacts> kLogonTasks = {
      .purpose = "Deletes the task StartDVR.",
      .onResult = Return::Ignore,
      .returnReason = "it answers 1 for success",
-     .schedule =
-         "Deferred, elevated, `REMOVE=\"ALL\"`; declared `Return=\"ignore\"`: it answers 1 for success.",
+     .schedule = "Deferred, elevated, `REMOVE=\"ALL\"`, in an upgrade as well, with its rollback, both as "
+                 "`RemoveHXSchedularTask`; declared `Return=\"ignore\"`: it answers 1 for success.",
      .condition = "REMOVE=\"ALL\"",
      .place = "After=\"InstallInitialize\"",
      .changes = "Runs schtasks /delete /TN \"StartDVR\" /F and waits for it.",
@@ -343,7 +349,8 @@ const std::vector<ActionFacts> kLogonTasks = {
      .onResult = Return::Ignore,
      .returnReason = "its result is always 1",
      .schedule = "Immediate, after `InstallFinalize`, `NOT REMOVE`; declared `Return=\"ignore\"`: its result "
-                 "is always 1.",
+                 "is always 1. It runs with the rights of the user who installs: where that user may not run "
+                 "the task, nothing starts.",
      .condition = "NOT REMOVE",
      .place = "After=\"InstallFinalize\"",
      .changes = "Runs schtasks /run /TN \"StartHX\" and waits for it.",
@@ -376,8 +383,12 @@ const std::vector<ActionFacts> kBenchmarkTask = {
      .impersonated = true,
      .onResult = Return::Ignore,
      .returnReason = "a convenience task must not roll an install back",
-     .schedule = "Deferred and impersonated (`Impersonate=\"yes\"`): it reads the installing user's own "
-                 "hive. After the files, `NOT Installed`, `Return=\"check\"`.",
+     .schedule =
+         "Deferred and impersonated (`Impersonate=\"yes\"`): it reads the installing user's own hive. After "
+         "the files, `NOT Installed`. Declared `Return=\"ignore\"`: it works where that user may open the "
+         "machine's key for writing, which means an installer that was started elevated (or no user account "
+         "control); else an error leaves it, and a convenience must not roll an install back. Its rollback "
+         "marks a client with a pending claim as gone: only where the value `TUEPClient` was not found.",
      .condition = "NOT Installed",
      .place = "Before=\"InstallFinalize\"",
      .reads = {{.root = "HKCU",
@@ -404,7 +415,8 @@ const std::vector<ActionFacts> kBenchmarkTask = {
      .onResult = Return::Ignore,
      .returnReason = "it answers 1 for success",
      .schedule =
-         "Deferred, elevated, `REMOVE=\"ALL\"`; declared `Return=\"ignore\"`: it answers 1 for success.",
+         "Deferred, elevated, `REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE`: in an upgrade the client stays, "
+         "and the benchmark still has to run; declared `Return=\"ignore\"`: it answers 1 for success.",
      .condition = "REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE",
      .place = "After=\"InstallInitialize\"",
      .reads = {kClaimantRead},
@@ -425,8 +437,9 @@ const std::vector<ActionFacts> kElevatedTask = {
      .purpose = "Registers a task without trigger that runs a command with the highest available rights.",
      .onResult = Return::Check,
      .returnReason = "1 means that there is no task",
-     .schedule = "Deferred, elevated, after the files, `NOT REMOVE`. `Return=\"check\"`: 1 means that there "
-                 "is no task.",
+     .schedule =
+         "Deferred, elevated, after the files, `NOT REMOVE`. `Return=\"check\"`: 1 means that there is no "
+         "task. As its rollback a package runs the scheduler's own tool (`package/install_manager.wxs`).",
      .condition = "NOT REMOVE",
      .place = "Before=\"InstallFinalize\"",
      .data = {.keys = {kTaskNameKey, kCommandKey, kUserNameKey}},
@@ -448,8 +461,9 @@ const std::vector<ActionFacts> kServices = {
      .purpose = "Deletes a service, but only when its program lies in a given folder.",
      .onResult = Return::Ignore,
      .returnReason = "its result is always 0",
-     .schedule = "Deferred, elevated, `REMOVE=\"ALL\"`; declared `Return=\"ignore\"`.",
-     .condition = "REMOVE=\"ALL\"",
+     .schedule = "Deferred, elevated, `REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE`: in an upgrade the newer "
+                 "version goes on using the service; declared `Return=\"ignore\"`.",
+     .condition = "REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE",
      .place = "After=\"InstallInitialize\"",
      .data = {.keys = {{.name = "ServiceName=",
                         .example = "TAVOTuningService",
@@ -476,7 +490,8 @@ const std::vector<ActionFacts> kClosing = {
      .onResult = Return::Ignore,
      .returnReason = "a missing tool must not stop an uninstall",
      .schedule = "Deferred, elevated, before files are replaced or removed, `Installed AND (REMOVE=\"ALL\" "
-                 "OR REINSTALL)`; declared `Return=\"ignore\"`: a missing tool must not stop an uninstall.",
+                 "OR REINSTALL)` and a registry search for its key; declared `Return=\"ignore\"`: a missing "
+                 "tool must not stop an uninstall.",
      .condition = "CORVI_SETTINGS_LOCATION AND Installed AND (REMOVE=\"ALL\" OR REINSTALL)",
      .place = "After=\"InstallInitialize\"",
      .reads = {kSettingsLocationNeeded},
@@ -506,7 +521,8 @@ const std::vector<ActionFacts> kClosing = {
      .onResult = Return::Ignore,
      .returnReason = "a missing tool must not stop an uninstall",
      .schedule = "Deferred, elevated, before files are replaced or removed, `Installed AND (REMOVE=\"ALL\" "
-                 "OR REINSTALL)`; declared `Return=\"ignore\"`: a missing tool must not stop an uninstall.",
+                 "OR REINSTALL)` and a registry search for its key; declared `Return=\"ignore\"`: a missing "
+                 "tool must not stop an uninstall.",
      .condition = "CORVI_RECORDING_LOCATION AND Installed AND (REMOVE=\"ALL\" OR REINSTALL)",
      .place = "After=\"InstallInitialize\"",
      .reads = {{.root = "HKLM",
@@ -542,10 +558,12 @@ const std::vector<ActionFacts> kArbitration = {
      .purpose = "Decides for a client whether the shared TUEP is installed, kept or removed.",
      .onResult = Return::Check,
      .returnReason = "259 and 1602 must reach the installer",
-     .schedule = "Deferred, elevated, first of all deferred actions, without condition. `Return=\"check\"`: "
-                 "259 makes the installer skip the rest successfully, 1602 ends it as cancelled before "
-                 "anything is removed.",
-     .condition = "",
+     .schedule = "Deferred, elevated, first of all deferred actions, `NOT Installed OR (REMOVE=\"ALL\" AND "
+                 "NOT UPGRADINGPRODUCTCODE)`. On a repair the product would meet itself as an installed copy "
+                 "and skip its own repair; in a minor upgrade it would lose its own registration as the "
+                 "older copy. `Return=\"check\"`: 259 makes the installer skip the rest successfully, 1602 "
+                 "ends it as cancelled before anything is removed.",
+     .condition = "NOT Installed OR (REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE)",
      .place = "After=\"InstallInitialize\"",
      .data = {.keys = {{.name = "ClientName=",
                         .example = "[CLIENTNAME]",
@@ -605,7 +623,9 @@ const std::vector<ActionFacts> kCamera = {
      .onResult = Return::Check,
      .returnReason = "1603 means that the camera is not registered",
      .schedule = "Deferred, elevated, after the files, `NOT REMOVE`. `Return=\"check\"`: 1603 means that the "
-                 "camera is not registered.",
+                 "camera is not registered. Its rollback on a first install, with action data of its own. "
+                 "The user name goes to a command line as it is: pass it in quotes, "
+                 "`Username=\"[LogonUser]\"`, for names with blanks.",
      .condition = "NOT REMOVE",
      .place = "Before=\"InstallFinalize\"",
      .data = {.keys = {kCameraFolderKey,
@@ -648,8 +668,10 @@ const std::vector<ActionFacts> kCamera = {
      .purpose = "Takes the camera registrations back.",
      .onResult = Return::Ignore,
      .returnReason = "an uninstall goes on when a DLL cannot be unregistered",
-     .schedule = "Deferred, elevated, `REMOVE=\"ALL\"`, before the files go; declared `Return=\"ignore\"`: "
-                 "an uninstall goes on when a DLL cannot be unregistered.",
+     .schedule =
+         "Deferred, elevated, `REMOVE=\"ALL\"`, before the files go, in an upgrade as well: these DLLs go, "
+         "and the newer version registers its own. Declared `Return=\"ignore\"`: an uninstall goes on when a "
+         "DLL cannot be unregistered. Its rollback takes the action data of `SetPermissionsRegisterDLL`.",
      .condition = "REMOVE=\"ALL\"",
      .place = "After=\"InstallInitialize\"",
      .data = {.keys = {kCameraFolderKey, kCameraDllKey, kMediaSourceKey}},
@@ -677,9 +699,11 @@ const std::vector<ActionFacts> kCamera = {
      .purpose = "Takes the suite's transform out of the cameras' chains.",
      .onResult = Return::Ignore,
      .returnReason = "it answers 1603 when it succeeded",
-     .schedule = "Deferred, elevated, `REMOVE=\"ALL\"`; declared `Return=\"ignore\"`: it answers 1603 when "
-                 "it succeeded.",
-     .condition = "REMOVE=\"ALL\"",
+     .schedule =
+         "Deferred, elevated, `REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE`: nothing here puts the transform "
+         "back for a newer version. Behind all other deferred actions of the package: on many machines it "
+         "lets an error out. Declared `Return=\"ignore\"`: it answers 1603 when it succeeded.",
+     .condition = "REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE",
      .place = "After=\"InstallInitialize\"",
      .reads =
          {{.root = "HKLM",
@@ -710,7 +734,12 @@ const std::vector<ActionFacts> kMsix = {
      .impersonated = true,
      .onResult = Return::Ignore,
      .returnReason = "a certificate that the user may not import must not roll an install back",
-     .schedule = "Deferred, elevated, after the files, `NOT REMOVE`, `Return=\"check\"`.",
+     .schedule =
+         "Deferred and impersonated (`Impersonate=\"yes\"`), after the files, where the two files are "
+         "installed (`&ContextMenu=3` for a feature of that name). Packages cannot be added from the system "
+         "account; a user without elevation, in turn, may not import the certificate into the machine's "
+         "store: then the action answers 1603, although the package is added where its certificate is "
+         "trusted already. Declared `Return=\"ignore\"`: that must not roll an install back.",
      .condition = "NOT REMOVE",
      .place = "Before=\"InstallFinalize\"",
      .changes = "Imports MyKey.cer into the machine's trusted roots and adds PhotoStoreDemoPkg.msix, both "
@@ -729,7 +758,8 @@ const std::vector<ActionFacts> kMsix = {
      .purpose = "Removes the chat companion: package, folders and key.",
      .onResult = Return::Ignore,
      .returnReason = "its result is always 0",
-     .schedule = "Deferred, elevated, `REMOVE=\"ALL\"`; declared `Return=\"ignore\"`.",
+     .schedule = "Deferred, elevated, `REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE`: in an upgrade the chat "
+                 "and its data are the newer version's; declared `Return=\"ignore\"`.",
      .condition = "REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE",
      .place = "After=\"InstallInitialize\"",
      .reads = {{.root = "HKLM",
@@ -786,7 +816,8 @@ const std::vector<ActionFacts> kSettings = {
      .purpose = "Deletes the settings application's folder.",
      .onResult = Return::Ignore,
      .returnReason = "a missing folder is no failure",
-     .schedule = "Deferred, elevated, `REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE`; declared "
+     .schedule = "Deferred, elevated, `REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE`, after `RemoveFiles` "
+                 "(what the installer removed itself comes back when the uninstall fails); declared "
                  "`Return=\"ignore\"`: a missing folder is no failure.",
      .condition = "REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE",
      .place = "After=\"RemoveFiles\"",
@@ -809,8 +840,9 @@ const std::vector<ActionFacts> kSettings = {
      .purpose = "Removes the application's packages, firewall rules and folder.",
      .onResult = Return::Ignore,
      .returnReason = "its result is always 0",
-     .schedule = "Deferred, elevated, `REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE`, while the registry "
-                 "still holds the location; declared `Return=\"ignore\"`.",
+     .schedule = "Deferred, elevated, `REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE`, after `RemoveFiles` and "
+                 "while the registry still holds the location (`package/settings_app.wxs` moves "
+                 "`RemoveRegistryValues`); declared `Return=\"ignore\"`.",
      .condition = "REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE",
      .place = "After=\"InstallInitialize\"",
      .data = {.whole = "the folder, where the registry names none; at most 519 characters",
@@ -843,8 +875,8 @@ const std::vector<ActionFacts> kSettings = {
      .purpose = "Deletes the application's keys on an uninstall that is no upgrade.",
      .onResult = Return::Ignore,
      .returnReason = "its result is always 0",
-     .schedule =
-         "Deferred, elevated, `REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE`; declared `Return=\"ignore\"`.",
+     .schedule = "Deferred, elevated, `REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE`, with a registry search "
+                 "that tells that the key is there; declared `Return=\"ignore\"`.",
      .condition = "CORVI_SUITE_KEY AND REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE",
      .place = "After=\"InstallInitialize\"",
      .reads = {{.root = "HKLM",
@@ -870,9 +902,10 @@ const std::vector<ActionFacts> kSettings = {
      .purpose = "Deletes the folder of the slim edition that came before.",
      .onResult = Return::Ignore,
      .returnReason = "its result is always 0",
-     .schedule = "Deferred, elevated, only where its key was found (see `SLIMLOCATION` in "
-                 "`package/settings_app.wxs`); declared `Return=\"ignore\"`.",
-     .condition = "CORVI_SLIM_LOCATION AND NOT Installed",
+     .schedule = "Deferred, elevated, on a first install, `NOT Installed AND NOT WIX_UPGRADE_DETECTED`, only "
+                 "where its key was found (see `SLIMLOCATION` in `package/settings_app.wxs`); declared "
+                 "`Return=\"ignore\"`.",
+     .condition = "CORVI_SLIM_LOCATION AND NOT Installed AND NOT WIX_UPGRADE_DETECTED",
      .place = "After=\"InstallInitialize\"",
      .reads = {{.root = "HKLM",
                 .key = kCoreStaticKey,
@@ -891,9 +924,10 @@ const std::vector<ActionFacts> kSettings = {
      .purpose = "Deletes the sparse package's assets.",
      .onResult = Return::Ignore,
      .returnReason = "its result is always 0",
-     .schedule = "Deferred, elevated, `REMOVE=\"ALL\"`, while the registry still holds the location; "
-                 "declared `Return=\"ignore\"`.",
-     .condition = "REMOVE=\"ALL\"",
+     .schedule =
+         "Deferred, elevated, `REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE` (in an upgrade the branding "
+         "decides what stays), while the registry still holds the location; declared `Return=\"ignore\"`.",
+     .condition = "REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE",
      .place = "After=\"InstallInitialize\"",
      .data = {.whole = "the folder, where the registry names none; at most 519 characters",
               .wholeExample = "[INSTALLFOLDER]",
@@ -909,7 +943,8 @@ const std::vector<ActionFacts> kSettings = {
      .purpose = "Deletes the camera components' folder.",
      .onResult = Return::Ignore,
      .returnReason = "its result is always 0",
-     .schedule = "Deferred, elevated, `REMOVE=\"ALL\"`, after `RemoveFiles`; declared `Return=\"ignore\"`.",
+     .schedule = "Deferred, elevated, `REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE` (what the user keeps in "
+                 "the folder is the newer version's), after `RemoveFiles`; declared `Return=\"ignore\"`.",
      .condition = "REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE",
      .place = "After=\"RemoveFiles\"",
      .data =
@@ -929,9 +964,9 @@ const std::vector<ActionFacts> kSettings = {
      .purpose = "Deletes the older install proxy's key.",
      .onResult = Return::Ignore,
      .returnReason = "it answers 1 for success",
-     .schedule =
-         "Deferred, elevated, on a first install; declared `Return=\"ignore\"`: it answers 1 for success.",
-     .condition = "NOT Installed",
+     .schedule = "Deferred, elevated, on a first install, `NOT Installed AND NOT WIX_UPGRADE_DETECTED`; "
+                 "declared `Return=\"ignore\"`: it answers 1 for success.",
+     .condition = "NOT Installed AND NOT WIX_UPGRADE_DETECTED",
      .place = "After=\"InstallInitialize\"",
      .changes =
          "Deletes the machine key SOFTWARE\\Wow6432Node\\QEL\\ACE\\Settings\\MOM\\Install, when it has no "
@@ -948,9 +983,9 @@ const std::vector<ActionFacts> kSettings = {
      .purpose = "Runs the older install proxy that hands over to the command-line client.",
      .onResult = Return::Ignore,
      .returnReason = "it answers 1 for success",
-     .schedule = "Deferred, elevated, after the files, on a first install; declared `Return=\"ignore\"`: it "
-                 "answers 1 for success.",
-     .condition = "NOT Installed",
+     .schedule = "Deferred, elevated, after the files, on a first install, `NOT Installed AND NOT "
+                 "WIX_UPGRADE_DETECTED`; declared `Return=\"ignore\"`: it answers 1 for success.",
+     .condition = "NOT Installed AND NOT WIX_UPGRADE_DETECTED",
      .place = "Before=\"InstallFinalize\"",
      .data = {.whole = "the install folder; without it the proxy is looked for on the current drive",
               .wholeExample = "[INSTALLFOLDER]"},
@@ -975,8 +1010,10 @@ const std::vector<ActionFacts> kProfileClient = {
      .purpose = "Clears the older profile client and a running TUEP away before the new files.",
      .onResult = Return::Ignore,
      .returnReason = "its result is always 0",
-     .schedule = "Deferred, elevated, before `InstallFiles`, `NOT REMOVE`; declared `Return=\"ignore\"`.",
-     .condition = "NOT REMOVE",
+     .schedule = "Deferred, elevated, before `InstallFiles`, `NOT Installed`, never on a repair: when it "
+                 "runs, the installer has already decided which files it leaves as they are, and their "
+                 "folder goes. Declared `Return=\"ignore\"`.",
+     .condition = "NOT Installed",
      .place = "After=\"InstallInitialize\"",
      .changes = "Asks their programs to close, stops and deletes the services PPCL and TUEPLauncher, deletes "
                 "the folder "
@@ -1001,7 +1038,8 @@ const std::vector<ActionFacts> kProfileClient = {
      .onResult = Return::Check,
      .returnReason = "1603 means that there is no event log to write to",
      .schedule = "Deferred, elevated, after the files, `NOT REMOVE`. `Return=\"check\"`: 1603 means that "
-                 "there is no event log to write to.",
+                 "there is no event log to write to. Its rollback takes the data of an earlier copy as well: "
+                 "on a first install only, and where no other copy was found.",
      .condition = "NOT REMOVE",
      .place = "Before=\"InstallFinalize\"",
      .data = {.keys = {kTaskNameKey, kCommandKey, kUserNameKey}},
@@ -1035,9 +1073,9 @@ const std::vector<ActionFacts> kProfileClient = {
      .purpose = "Removes the performance-profile client and TUEP.",
      .onResult = Return::Ignore,
      .returnReason = "its result is always 0",
-     .schedule =
-         "Deferred, elevated, `REMOVE=\"ALL\"`, after `CheckForClients`; declared `Return=\"ignore\"`.",
-     .condition = "REMOVE=\"ALL\"",
+     .schedule = "Deferred, elevated, `REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE` (the user's data goes "
+                 "with it), after `CheckForClients`; declared `Return=\"ignore\"`.",
+     .condition = "REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE",
      .place = "After=\"InstallInitialize\"",
      .changes =
          "Deletes the task StartTUEP; asks programs to close, deletes both services, both program folders "
@@ -1098,8 +1136,12 @@ const std::vector<ActionFacts> kAnalytics = {
      .purpose = "Records that the user accepted analytics.",
      .onResult = Return::Check,
      .returnReason = "an install without a recorded consent must not pass",
-     .schedule = "Deferred, elevated, after the files, `NOT REMOVE`, `Return=\"check\"`.",
-     .condition = "NOT Installed",
+     .schedule =
+         "Deferred, elevated, after the files, on a first install only, `NOT Installed AND NOT "
+         "WIX_UPGRADE_DETECTED`, and not where a registry search finds `AnalyticsAccepted` = `false`: a "
+         "refused consent survives repairs, upgrades and newer copies. `Return=\"check\"`. Its rollback "
+         "deletes the whole key: only where nothing was in it before.",
+     .condition = "NOT Installed AND NOT WIX_UPGRADE_DETECTED",
      .place = "Before=\"InstallFinalize\"",
      .changes =
          "TUEP = 0 in SOFTWARE\\TAVO\\Install; AnalyticsAccepted = true in SOFTWARE\\TAVO\\TAVOAnalytics, "
@@ -1116,7 +1158,8 @@ const std::vector<ActionFacts> kAnalytics = {
      .purpose = "Deletes the analytics key.",
      .onResult = Return::Ignore,
      .returnReason = "its result is always 0",
-     .schedule = "Deferred, elevated, `REMOVE=\"ALL\"`; declared `Return=\"ignore\"`.",
+     .schedule = "Deferred, elevated, `REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE`: the user's answer is "
+                 "the newer version's; declared `Return=\"ignore\"`.",
      .condition = "REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE",
      .place = "After=\"InstallInitialize\"",
      .reads = {{.root = "HKLM", .key = kAnalyticsKey, .meaning = "the key that goes"}},
@@ -1139,8 +1182,9 @@ const std::vector<ActionFacts> kRecording = {
      .purpose = "Deletes the VR component's folder.",
      .onResult = Return::Ignore,
      .returnReason = "its result is always 0",
-     .schedule = "Deferred, elevated, `REMOVE=\"ALL\"`, while the registry still names it; declared "
-                 "`Return=\"ignore\"`.",
+     .schedule = "Deferred, elevated, `REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE` (what the user keeps in "
+                 "the folder is the newer version's), after `RemoveFiles` and while the registry still names "
+                 "it; declared `Return=\"ignore\"`.",
      .condition = "REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE",
      .place = "Before=\"RemoveRegistryValues\"",
      .reads = {kVRLocation},
@@ -1157,9 +1201,10 @@ const std::vector<ActionFacts> kRecording = {
      .impersonated = true,
      .onResult = Return::Ignore,
      .returnReason = "its result is always 0",
-     .schedule =
-         "Deferred, elevated, `REMOVE=\"ALL\"`, before `DeleteWVRFolder`; declared `Return=\"ignore\"`.",
-     .condition = "REMOVE=\"ALL\"",
+     .schedule = "Deferred and impersonated (`Impersonate=\"yes\"`: the tool edits a file of the calling "
+                 "user), `REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE` (nothing here registers the driver "
+                 "again), before the files go; declared `Return=\"ignore\"`.",
+     .condition = "REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE",
      .place = "After=\"InstallInitialize\"",
      .reads = {kVRLocation,
                {.root = "HKLM",
@@ -1197,8 +1242,11 @@ const std::vector<ActionFacts> kRecording = {
      .purpose = "Clears the branding folder, keeping what the branding content names.",
      .onResult = Return::Ignore,
      .returnReason = "its result is always 0",
-     .schedule = "Deferred, elevated, on an upgrade (`UPGRADINGPRODUCTCODE`); declared `Return=\"ignore\"`.",
-     .condition = "UPGRADINGPRODUCTCODE",
+     .schedule = "Deferred, elevated, when an upgrade removes the older version (`REMOVE=\"ALL\" AND "
+                 "UPGRADINGPRODUCTCODE`), after `RemoveFiles` and while the registry still names the folder; "
+                 "declared `Return=\"ignore\"`. Register the folder without a separator at its end, and name "
+                 "in the branding list what must survive, other products' files in it included.",
+     .condition = "REMOVE=\"ALL\" AND UPGRADINGPRODUCTCODE",
      .place = "After=\"InstallInitialize\"",
      .reads =
          {{.root = "HKLM", .key = "SOFTWARE\\TAVOBranding", .meaning = "what is kept"},
@@ -1232,7 +1280,8 @@ const std::vector<ActionFacts> kInstallManager = {
      .purpose = "Removes stale services of the processor-tuning driver before its SDK is installed.",
      .onResult = Return::Ignore,
      .returnReason = "its result is always 0",
-     .schedule = "Deferred, elevated, before the files, `NOT Installed`; declared `Return=\"ignore\"`.",
+     .schedule = "Deferred, elevated, before the files, `NOT Installed`, in an upgrade as well: these "
+                 "services are stale whichever version left them; declared `Return=\"ignore\"`.",
      .condition = "NOT Installed",
      .place = "After=\"InstallInitialize\"",
      .changes = "Stops and deletes each of six services whose program is system32\\TavoKyrnMasterDriver.sys.",
@@ -1249,8 +1298,9 @@ const std::vector<ActionFacts> kInstallManager = {
      .purpose = "Removes what the install manager leaves: its process, tasks, folder and key.",
      .onResult = Return::Ignore,
      .returnReason = "its result is always 0",
-     .schedule = "Deferred, elevated, `REMOVE=\"ALL\"`, while the registry still names its folder; declared "
-                 "`Return=\"ignore\"`.",
+     .schedule =
+         "Deferred, elevated, `REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE`, while the registry still names "
+         "its folder, and before the files go: it ends the running program. Declared `Return=\"ignore\"`.",
      .condition = "REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE",
      .place = "After=\"InstallInitialize\"",
      .reads = {{.root = "HKLM",
