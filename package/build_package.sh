@@ -16,4 +16,4 @@ code=$?
 # What wixl says of the attributes that the next step writes is no news.
 grep -v -E "no property named '(Secure|Schedule)'|^$" "$messages" >&2
 [ "$code" -eq 0 ] || exit "$code"
-python3 "$here/finish_package.py" "$new" "$source" -I "$here" && mv "$new" "$package"
+python3 -B "$here/finish_package.py" "$new" "$source" -I "$here" && mv "$new" "$package"
