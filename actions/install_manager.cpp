@@ -173,7 +173,7 @@ void DeleteManagerTasks(MSIHANDLE session) {
 
 void DeleteManagerFolder() {
     const RegKey key = RegKey::Open(HKEY_LOCAL_MACHINE, kManagerKey, KEY_READ);
-    DeleteFolder(key.GetString(L"", kManagerLocation, true));
+    DeleteFolder(key.GetString(L"", kManagerLocation, Unreadable::Throws));
 }
 
 UINT RemoveInstallManager(MSIHANDLE session) {
