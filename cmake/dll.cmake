@@ -4,17 +4,9 @@ configure_file(actions/vendor_site.h.in generated/actions/vendor_site.h @ONLY)
 add_library(Corvi_CA SHARED actions/Corvi_CA.def)
 corvi_version_resource(Corvi_CA VFT_DLL "Windows Installer custom actions" Corvi_CA.dll)
 target_link_libraries(Corvi_CA PRIVATE corvi_core)
-set_target_properties(Corvi_CA PROPERTIES
-  PREFIX "" RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/unstripped)
+set_target_properties(Corvi_CA PROPERTIES PREFIX "")
 if(NOT MSVC)
   target_link_options(Corvi_CA PRIVATE
     -static -Wl,--dynamicbase,--nxcompat,--high-entropy-va,--gc-sections,--exclude-all-symbols)
-  set(finished ${CORVI_OUTPUT_DIRECTORY}/Corvi_CA.dll)
-  add_custom_command(TARGET Corvi_CA POST_BUILD
-    COMMAND ${CMAKE_OBJCOPY} --preserve-dates --only-keep-debug $<TARGET_FILE:Corvi_CA> ${finished}.debug
-    COMMAND ${CMAKE_OBJCOPY} --preserve-dates --strip-all --add-gnu-debuglink=${finished}.debug
-            $<TARGET_FILE:Corvi_CA> ${finished}
-    BYPRODUCTS ${finished} ${finished}.debug
-    VERBATIM)
-  set_target_properties(Corvi_CA PROPERTIES CORVI_FINISHED_FILE ${finished})
+  corvi_finish(Corvi_CA Corvi_CA.dll)
 endif()

@@ -14,7 +14,7 @@ import uuid
 import zipfile
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
-PROGRAMS = ["Corvi_CA.dll", "Corvi_CA.dll.debug", "corvi.exe", "corvi.exe.debug"]
+PROGRAMS = ["Corvi_CA.dll", "Corvi_CA.dll.debug", "Corvi_CA.pdb", "corvi.exe", "corvi.exe.debug", "corvi.pdb"]
 STAND_INS = ["suite_tool.exe", "service.exe", "com_server.dll", "media_source.dll"]
 MANUALS = ["README.md", "CHANGELOG.md", "CONTRIBUTING.md", *sorted(
     str(path.relative_to(ROOT)) for path in (ROOT / "docs").glob("*.md"))]
@@ -111,6 +111,7 @@ def contents(build, stage, wix4, version):
     for path in MANUALS:
         files[f"docs/{manual_name(path)}"] = manual(path, version, build).encode("utf-8")
     files["docs/style.css"] = (ROOT / "docs" / "html" / "style.css").read_bytes()
+    files["symbols/readable_stack.py"] = (ROOT / "scripts" / "readable_stack.py").read_bytes()
     files["LICENSE"] = (ROOT / "LICENSE").read_bytes()
     files.update({f"notices/{name}": text.encode("utf-8") for name, text in notices().items()})
     files["sbom.cdx.json"] = bill_of_materials(version, texts["COMMIT"], seconds).encode("utf-8")
@@ -126,7 +127,7 @@ def write_archive(path, folder, files, seconds):
             entry = zipfile.ZipInfo(f"{folder}/{name}", moment)
             entry.compress_type = zipfile.ZIP_DEFLATED
             entry.create_system = 3
-            program = name.endswith((".exe", ".dll", ".sh")) or name.endswith("finish_package.py")
+            program = name.endswith((".exe", ".dll", ".sh")) or name.endswith(".py")
             entry.external_attr = (0o100755 if program else 0o100644) << 16
             archive.writestr(entry, data)
 
