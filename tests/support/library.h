@@ -4,7 +4,9 @@
 
 #include <msi.h>
 
-#include <string>
+#include <memory>
+
+#include "tests/support/process_starts.h"
 
 namespace corvi::test {
 
@@ -12,18 +14,22 @@ namespace corvi::test {
 class Library {
 public:
     Library();
-    ~Library();
     Library(const Library&) = delete;
     Library& operator=(const Library&) = delete;
 
-    HMODULE Module() const { return module_; }
+    HMODULE Module() const { return module_.get(); }
 
     /// Calls an exported action. What it throws passes through; throws std::runtime_error when there is
     /// no such export.
     UINT Call(const char* action, MSIHANDLE session) const;
 
 private:
-    HMODULE module_;
+    struct Unload {
+        using pointer = HMODULE;
+        void operator()(HMODULE module) const { FreeLibrary(module); }
+    };
+    std::unique_ptr<HMODULE, Unload> module_;
+    SteadyStarts starts_;
 };
 
 }  // namespace corvi::test

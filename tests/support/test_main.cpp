@@ -5,6 +5,8 @@
 
 #include <cstdio>
 
+#include "tests/support/process_starts.h"
+
 namespace {
 
 // These tests write to the machine's registry and delete directories: they only start on a machine
@@ -50,6 +52,7 @@ int main(int argc, char** argv) {
     if (!WaitForServiceManager()) {
         return 3;
     }
+    const corvi::test::SteadyStarts starts(GetModuleHandleW(nullptr));
     testing::InitGoogleMock(&argc, argv);
     return RUN_ALL_TESTS();
 }
