@@ -5,8 +5,15 @@ target_link_libraries(corvi_product_options INTERFACE corvi_warnings)
 target_compile_definitions(corvi_product_options INTERFACE
   UNICODE _UNICODE NOMINMAX _WIN32_WINNT=0x0A00)
 if(MSVC)
-  target_compile_options(corvi_warnings INTERFACE /W4 /WX /permissive- /utf-8)
-  target_compile_options(corvi_product_options INTERFACE /guard:cf)
+  # C4459: a parameter may be called as a function of the C library is (time, system).
+  target_compile_options(corvi_warnings INTERFACE
+    $<$<COMPILE_LANGUAGE:CXX>:/W4;/WX;/permissive-;/utf-8;/wd4459>)
+  # _vsnwprintf and localtime are meant: their bounds and their results are seen to at the call.
+  target_compile_definitions(corvi_product_options INTERFACE _CRT_SECURE_NO_WARNINGS)
+  # Some exports let an error out on purpose: "extern C" functions that throw, which /EHsc takes for impossible.
+  string(REPLACE "/EHsc" "/EHs" CMAKE_CXX_FLAGS "${CMAKE_CXX_FLAGS}")
+  target_compile_options(corvi_product_options INTERFACE $<$<COMPILE_LANGUAGE:CXX>:/guard:cf>)
+  target_link_options(corvi_product_options INTERFACE /guard:cf)
   set(CMAKE_MSVC_RUNTIME_LIBRARY "MultiThreaded$<$<CONFIG:Debug>:Debug>")
 else()
   target_compile_options(corvi_warnings INTERFACE

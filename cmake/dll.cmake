@@ -8,5 +8,5 @@ set_target_properties(Corvi_CA PROPERTIES PREFIX "")
 if(NOT MSVC)
   target_link_options(Corvi_CA PRIVATE
     -static -Wl,--dynamicbase,--nxcompat,--high-entropy-va,--gc-sections,--exclude-all-symbols)
-  corvi_finish(Corvi_CA Corvi_CA.dll)
 endif()
+corvi_finish(Corvi_CA Corvi_CA.dll)

@@ -1,9 +1,17 @@
 # corvi_finish(TARGET FILE): what ships of a linked program, in CORVI_OUTPUT_DIRECTORY: FILE without symbols,
 # FILE.debug with all of them for the compiler's own tools, and a PDB with the functions' names for the
 # platform's debuggers.
-find_package(Python3 COMPONENTS Interpreter REQUIRED)
+if(NOT MSVC)
+  find_package(Python3 COMPONENTS Interpreter REQUIRED)
+endif()
 
 function(corvi_finish target file)
+  if(MSVC)
+    # That compiler's linker leaves the symbols in a PDB beside the program by itself.
+    set_target_properties(${target} PROPERTIES
+      RUNTIME_OUTPUT_DIRECTORY $<1:${CORVI_OUTPUT_DIRECTORY}> PDB_OUTPUT_DIRECTORY $<1:${CORVI_OUTPUT_DIRECTORY}>)
+    return()
+  endif()
   get_filename_component(name ${file} NAME_WE)
   set(finished ${CORVI_OUTPUT_DIRECTORY}/${file})
   set(pdb ${CORVI_OUTPUT_DIRECTORY}/${name}.pdb)

@@ -1,6 +1,6 @@
-# The version stands in the project() line alone. generated/version_text.h carries it, with the commit, into
+# The version stands in the project() line alone. generated/actions/version_text.h carries it, with the commit, into
 # the version resources and the tool; it is looked at in every build and written when it changes.
-set(CORVI_VERSION_HEADER ${CMAKE_BINARY_DIR}/generated/version_text.h)
+set(CORVI_VERSION_HEADER ${CMAKE_BINARY_DIR}/generated/actions/version_text.h)
 set(corvi_write_version ${CMAKE_COMMAND} -D VERSION=${PROJECT_VERSION} -D SOURCE=${CMAKE_SOURCE_DIR}
     -D OUTPUT=${CORVI_VERSION_HEADER} -P ${CMAKE_CURRENT_LIST_DIR}/version_text.cmake)
 execute_process(COMMAND ${corvi_write_version} COMMAND_ERROR_IS_FATAL ANY)

@@ -17,7 +17,7 @@ namespace corvi {
 template <typename Work>
 UINT BestEffort(Work&& work, UINT resultOnError = ERROR_SUCCESS) noexcept {
     try {
-        return std::forward<Work>(work)();
+        return static_cast<UINT>(std::forward<Work>(work)());
     } catch (...) {
         return resultOnError;
     }
@@ -35,7 +35,7 @@ UINT MustStop(Work&& work) noexcept {
 template <typename Work>
 UINT LetRegistryErrorThrough(Work&& work, UINT resultOnError = ERROR_SUCCESS) {
     try {
-        return std::forward<Work>(work)();
+        return static_cast<UINT>(std::forward<Work>(work)());
     } catch (const RegKeyError&) {
         throw;
     } catch (...) {

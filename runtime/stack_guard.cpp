@@ -44,8 +44,8 @@ void __chk_fail() { EndProcess(); }
 
 namespace {
 
-// Before all other constructors; itself unguarded, as the value changes while it runs.
-[[gnu::constructor(101), gnu::no_stack_protector]] void SetUpStackGuard() {
+// Before all other constructors; unguarded, as the whole file is, for the value changes while it runs.
+[[gnu::constructor(101)]] void SetUpStackGuard() {
     FILETIME now = {};
     LARGE_INTEGER counter = {};
     GetSystemTimeAsFileTime(&now);

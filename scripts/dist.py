@@ -34,7 +34,7 @@ def run(*command, **options):
 
 
 def version_texts(build):
-    header = (build / "release" / "generated" / "version_text.h").read_text(encoding="utf-8")
+    header = (build / "release" / "generated" / "actions" / "version_text.h").read_text(encoding="utf-8")
     return dict(re.findall(r'#define CORVI_(\w+) "(.*)"', header))
 
 

@@ -65,7 +65,7 @@ class Release(unittest.TestCase):
         cls.release = cls.folder / "unpacked" / cls.archive.stem
 
     def texts(self):
-        return re.search(r'TEXT "(.*)"', (self.folder / "one/build/release/generated/version_text.h").read_text())[1]
+        return re.search(r'TEXT "(.*)"', (self.folder / "one/build/release/generated/actions/version_text.h").read_text())[1]
 
     def test_a_second_build_in_another_folder_gives_the_same_bytes(self):
         other = build_archive(self.folder / "a longer name" / "two", CCACHE_DISABLE="1")

@@ -14,6 +14,8 @@ trap corvi_drop_prefix EXIT
 trap 'exit 130' INT TERM HUP
 corvi_new_prefix "$template" "$stage" || exit 1
 cp "$program" "$WINEPREFIX/drive_c/corvi/" || exit 1
+# Another build of the library in place of the stage's, as 'make clang' asks.
+[ -z "${CORVI_LIBRARY:-}" ] || cp "$CORVI_LIBRARY" "$WINEPREFIX/drive_c/corvi/Corvi_CA.dll" || exit 1
 cd "$WINEPREFIX/drive_c/corvi" || exit 1
 timeout -k 5 "${CORVI_TEST_TIMEOUT:-280}" wine "C:\\corvi\\$(basename "$program")" "$@" </dev/null
 code=$?

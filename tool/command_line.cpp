@@ -6,9 +6,9 @@
 #include <algorithm>
 #include <memory>
 
+#include "actions/version_text.h"
 #include "tool/console.h"
 #include "tool/verbs.h"
-#include "version_text.h"
 
 namespace corvi::tool {
 namespace {

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "version_text.h"
+#include "actions/version_text.h"
 
 namespace corvi::test {
 namespace {

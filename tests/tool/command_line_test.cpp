@@ -1,8 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "actions/version_text.h"
 #include "tests/tool/tool_run.h"
-#include "version_text.h"
 
 namespace corvi::test {
 namespace {
