@@ -29,24 +29,11 @@ constexpr wchar_t kRefused[] = L"false";
 constexpr wchar_t kDisableProperty[] = L"DISABLEANALYTICS";
 constexpr wchar_t kDisableAnswer[] = L"yes";
 
-RegKey OpenAnalyticsKey() { return RegKey::TryOpen(HKEY_LOCAL_MACHINE, kAnalyticsKey, KEY_ALL_ACCESS); }
-
-void CreateAnalyticsKey() {
-    HKEY created = nullptr;
-    const LSTATUS status =
-        RegCreateKeyExW(HKEY_LOCAL_MACHINE, kAnalyticsKeyToCreate, 0, nullptr, REG_OPTION_NON_VOLATILE,
-                        KEY_READ | KEY_WRITE, nullptr, &created, nullptr);
-    if (status != ERROR_SUCCESS) {
-        throw RegKeyError(status, kCreateKeyFailed);
-    }
-    RegCloseKey(created);
-}
-
 UINT AcceptAnalytics() {
     SetInstallTuepFlag(kTuepEnabled);
     RegKey key = OpenAnalyticsKey();
     if (!key) {
-        CreateAnalyticsKey();
+        RegKey::Create(HKEY_LOCAL_MACHINE, kAnalyticsKeyToCreate, KEY_READ | KEY_WRITE);
         key = OpenAnalyticsKey();
     }
     if (key) {
@@ -58,7 +45,7 @@ UINT AcceptAnalytics() {
 /// The user refuses with any value that begins with "yes" in any case ("YES1"), and with no other.
 bool IsRefusalRequested(MSIHANDLE session) {
     const auto value = ReadShortProperty(session, kDisableProperty);
-    return value && ToLower(*value).find(kDisableAnswer) == 0;
+    return value.isRead && ToLower(value.text).find(kDisableAnswer) == 0;
 }
 
 UINT RefuseAnalytics(MSIHANDLE session) {

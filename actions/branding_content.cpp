@@ -26,8 +26,8 @@ constexpr wchar_t kBrandingKey[] = L"SOFTWARE\\TAVOBranding";
 /// A value of the settings application's key.
 constexpr wchar_t kBrandingDirectoryValue[] = L"HXBrandingInstallDir";
 
-/// Room for that value, in characters with terminator.
-constexpr size_t kDirectoryCapacity = 260;
+/// Room for that value: 259 characters and the terminator.
+constexpr DWORD kDirectoryBytes = 520;
 
 /// Both the entry of the branding list that retains skins and the mark of a skin's path.
 constexpr wchar_t kSkins[] = L"Skins";
@@ -58,28 +58,18 @@ bool IsPlainString(const RegKey& key, const std::wstring& valueName) {
     return type == REG_SZ;
 }
 
-/// The branding key; none when there is none. Throws RegKeyError when it is there but cannot be opened.
-RegKey OpenBrandingKey() {
-    LSTATUS status = ERROR_SUCCESS;
-    RegKey branding = RegKey::TryOpen(HKEY_LOCAL_MACHINE, kBrandingKey, KEY_READ, &status);
-    if (status != ERROR_SUCCESS && status != ERROR_FILE_NOT_FOUND) {
-        throw RegKeyError(status, kOpenKeyFailed);
-    }
-    return branding;
-}
-
 /// What survives: the names of the branding key's subkeys and the data of its REG_SZ values, that with
 /// forward slashes. Empty without the key. Throws RegKeyError when the key is there but not readable to
 /// the end: content that nobody could tell from retained content must not be deleted.
 std::vector<std::wstring> ReadBrandingList() {
-    const RegKey branding = OpenBrandingKey();
+    const RegKey branding = RegKey::OpenIfPresent(HKEY_LOCAL_MACHINE, kBrandingKey, KEY_READ);
     if (!branding) {
         return {};
     }
     std::vector<std::wstring> list = branding.EnumSubkeys();
     for (const std::wstring& name : branding.EnumValues()) {
         if (IsPlainString(branding, name)) {
-            list.push_back(WithForwardSlashes(branding.GetString(L"", name, true)));
+            list.push_back(WithForwardSlashes(branding.GetString(L"", name, Unreadable::Throws)));
         }
     }
     return list;
@@ -92,15 +82,8 @@ std::wstring ReadBrandingDirectory() {
     // Kept: the key's own spelling here, with a trailing separator.
     const RegKey settings =
         RegKey::TryOpen(HKEY_LOCAL_MACHINE, std::wstring(kSettingsAppKey) + L"\\", KEY_READ);
-    // One more character than is read: the stored text need not be terminated.
-    wchar_t directory[kDirectoryCapacity + 1] = {};
-    DWORD size = kDirectoryCapacity * sizeof(wchar_t);
-    DWORD type = REG_NONE;
-    if (!settings || RegQueryValueExW(settings.Get(), kBrandingDirectoryValue, nullptr, &type,
-                                      reinterpret_cast<BYTE*>(directory), &size) != ERROR_SUCCESS) {
-        return {};
-    }
-    return type == REG_SZ || type == REG_EXPAND_SZ ? std::wstring(directory) : std::wstring();
+    return settings ? settings.QueryText(kBrandingDirectoryValue, kDirectoryBytes).value_or(std::wstring())
+                    : std::wstring();
 }
 
 /// True when the directory is a link to another one, which an ordinary user may have put in its place, or
@@ -108,8 +91,8 @@ std::wstring ReadBrandingDirectory() {
 bool MayBeLink(const std::wstring& directory) {
     // Behind a trailing separator the platform looks through the link.
     const std::wstring name = directory.substr(0, directory.find_last_not_of(L"\\/") + 1);
-    const DWORD attributes = GetFileAttributesW(name.c_str());
-    return attributes == INVALID_FILE_ATTRIBUTES || IsLink(attributes);
+    const EntryKind kind = KindOf(name);
+    return kind.attributes == INVALID_FILE_ATTRIBUTES || IsLink(kind);
 }
 
 bool IsDotName(const std::wstring& name) { return name == L"." || name == L".."; }

@@ -1,10 +1,10 @@
 #include <windows.h>
 
 #include <msi.h>
-#include <msiquery.h>
 
 #include <string>
 
+#include "runtime/action_data.h"
 #include "runtime/action_policy.h"
 #include "runtime/filesystem.h"
 #include "runtime/installer_log.h"
@@ -63,19 +63,17 @@ void AskForSystemInformation() {
 /// Where the command-line client is installed. Throws RegKeyError when key or value is missing.
 std::wstring ReadClientLocation() {
     const wchar_t* key = IsRunningUnderWow64() != 0 ? kEmulatedClientKey : kCommandLineClientKey;
-    return RegKey::Open(HKEY_LOCAL_MACHINE, key, KEY_READ).GetString(L"", kLocationValue, true);
+    return RegKey::Open(HKEY_LOCAL_MACHINE, key, KEY_READ).GetString(L"", kLocationValue, Unreadable::Throws);
 }
 
 /// The whole action data, taken as a directory. When the read fails, that is logged and what it left in
 /// the buffer counts: the beginning of a text that does not fit, or nothing.
 std::wstring ReadInstallDirectory(MSIHANDLE session) {
-    wchar_t directory[kDirectoryCapacity] = {};
-    DWORD size = kDirectoryCapacity;
-    if (MsiGetPropertyW(session, kActionDataProperty, directory, &size) != ERROR_SUCCESS) {
+    const ShortProperty directory = ReadShortProperty(session, kActionDataProperty, kDirectoryCapacity);
+    if (!directory.isRead) {
         WriteInstallerLog(session, L"SABLE_CA Could not get INSTALLDIR  \n");
     }
-    directory[kDirectoryCapacity - 1] = L'\0';
-    return directory;
+    return directory.text;
 }
 
 /// Without an install directory the path begins with two separators and so names a network share, on a

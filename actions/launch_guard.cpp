@@ -42,8 +42,8 @@ bool IsProcessRunning(const wchar_t* imageName) {
 
 UINT RequireLaunchByInstallManager(MSIHANDLE session) {
     const auto value = ReadShortProperty(session, kLaunchProperty);
-    if (value && ToLower(*value) == kLaunchedValue) {
-        WriteInstallerLog(session, L"SABLE_CA Launched from PIM: %s \n", value->c_str());
+    if (value.isRead && ToLower(value.text) == kLaunchedValue) {
+        WriteInstallerLog(session, L"SABLE_CA Launched from PIM: %s \n", value.text.c_str());
         return ERROR_SUCCESS;
     }
     WriteInstallerLog(session, L"SABLE_CA Not Launched from PIM and unable to get property");

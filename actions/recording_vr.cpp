@@ -38,12 +38,6 @@ constexpr DWORD kTracked = 1;
 constexpr UINT kTrackingCreated = 1;
 constexpr UINT kTrackingNotCreated = 0;
 
-/// A text of the machine's registry; empty when key or value is missing.
-std::wstring ReadMachineText(const wchar_t* keyPath, const wchar_t* valueName) {
-    const RegKey key = RegKey::TryOpen(HKEY_LOCAL_MACHINE, keyPath, KEY_READ);
-    return key ? key.GetString(L"", valueName, false) : std::wstring();
-}
-
 /// Deletes the VR component's folder, and then the folder that held it if that is empty now.
 UINT DeleteVRFolder() {
     ExitHXApplication();
@@ -112,12 +106,11 @@ UINT CreateTrackingKey() {
     if (status != ERROR_FILE_NOT_FOUND) {
         return kTrackingNotCreated;
     }
-    HKEY created = nullptr;
-    if (RegCreateKeyExW(HKEY_LOCAL_MACHINE, kTrackingKey, 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_ALL_ACCESS,
-                        nullptr, &created, nullptr) != ERROR_SUCCESS) {
+    const RegKey tracking = RegKey::TryCreate(HKEY_LOCAL_MACHINE, kTrackingKey, KEY_ALL_ACCESS);
+    if (!tracking) {
         return kTrackingNotCreated;
     }
-    RegKey(created).SetDword(kTrackedValue, kTracked);
+    tracking.SetDword(kTrackedValue, kTracked);
     return kTrackingCreated;
 }
 

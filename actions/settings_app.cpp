@@ -49,25 +49,13 @@ constexpr UINT kNotDeleted = 1;
 
 /// Where the settings application is installed, as its own registry key says, with or without trailing
 /// backslash. Empty when key or value is missing.
-std::wstring GetHXNextLocation() {
-    try {
-        return RegKey::Open(HKEY_LOCAL_MACHINE, kSettingsAppInstallKey, KEY_READ)
-            .GetString(L"", kLocationValue, true);
-    } catch (...) {
-        return {};
-    }
-}
+std::wstring GetHXNextLocation() { return ReadMachineText(kSettingsAppInstallKey, kLocationValue); }
 
 /// The whole action data, taken as a directory. Nothing when it cannot be read or does not fit: a cut
 /// path would name another directory.
 std::optional<std::wstring> ReadLocationProperty(MSIHANDLE session) {
-    wchar_t location[kLocationCapacity] = {};
-    DWORD size = kLocationCapacity;
-    if (MsiGetPropertyW(session, kActionDataProperty, location, &size) != ERROR_SUCCESS) {
-        return std::nullopt;
-    }
-    location[kLocationCapacity - 1] = L'\0';
-    return std::wstring(location);
+    const ShortProperty location = ReadShortProperty(session, kActionDataProperty, kLocationCapacity);
+    return location.isRead ? std::make_optional(location.text) : std::nullopt;
 }
 
 /// The install location from the registry or, when that names none, from the action data. Nothing when
@@ -160,7 +148,7 @@ UINT DeleteSettingsKeys(MSIHANDLE session) {
 /// again.
 std::wstring ReadSlimInstallLocation() {
     return RegKey::Open(HKEY_LOCAL_MACHINE, kCommandLineClientKey, KEY_ALL_ACCESS | KEY_WOW64_32KEY)
-        .GetString(L"", kLocationValue, false);
+        .GetString(L"", kLocationValue, Unreadable::IsEmpty);
 }
 
 UINT CloseAndDeleteApplication(MSIHANDLE session) {

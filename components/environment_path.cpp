@@ -27,7 +27,7 @@ void BroadcastEnvironmentChange() {
 
 void AddToSystemPath(const std::wstring& valueName, const std::wstring& entry) {
     const RegKey environment = RegKey::Open(HKEY_LOCAL_MACHINE, kSystemEnvironmentKey, kReadWriteAccess);
-    const std::wstring current = environment.GetString(L"", valueName, true);
+    const std::wstring current = environment.GetString(L"", valueName, Unreadable::Throws);
     if (current.find(entry) != std::wstring::npos) {
         return;
     }

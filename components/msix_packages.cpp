@@ -43,9 +43,9 @@ UINT InstallContextMenu() {
 void DeleteChatFolders(MSIHANDLE session) {
     const RegKey chat = RegKey::Open(HKEY_LOCAL_MACHINE, kChatKey, KEY_READ);
     WriteInstallerLog(session, L"UninstallTAVOChat: Got registry \n");
-    DeleteFolder(chat.GetString(L"", kChatInstallPathValue, true));
+    DeleteFolder(chat.GetString(L"", kChatInstallPathValue, Unreadable::Throws));
     WriteInstallerLog(session, L"UninstallTAVOChat: install path \n");
-    DeleteFolder(chat.GetString(L"", kChatDataPathValue, true));
+    DeleteFolder(chat.GetString(L"", kChatDataPathValue, Unreadable::Throws));
     WriteInstallerLog(session, L"UninstallTAVOChat: data path \n");
 }
 

@@ -9,14 +9,6 @@ constexpr wchar_t kDriverStateSubkey[] = L"State\\TUEP";
 // No more than this of the last claimant's name is asked for. A longer one does not count.
 constexpr DWORD kClaimantBytes = 520;
 
-/// The subkey, opened or created below an open key; empty when neither works.
-RegKey CreateSubkey(const RegKey& parent, const wchar_t* subkey) {
-    HKEY key = nullptr;
-    const LSTATUS status = RegCreateKeyExW(parent.Get(), subkey, 0, nullptr, REG_OPTION_NON_VOLATILE,
-                                           KEY_ALL_ACCESS, nullptr, &key, nullptr);
-    return RegKey(status == ERROR_SUCCESS ? key : nullptr);
-}
-
 }  // namespace
 
 bool SetClientStatus(const std::wstring& valueName, DWORD status) {
@@ -34,7 +26,7 @@ bool SetDriverTuepStatus(DWORD status) {
     if (!service) {
         return false;
     }
-    const RegKey state = CreateSubkey(service, kDriverStateSubkey);
+    const RegKey state = RegKey::TryCreate(service.Get(), kDriverStateSubkey, KEY_ALL_ACCESS);
     return state && state.SetDword(kDriverStatusName, status) == ERROR_SUCCESS;
 }
 

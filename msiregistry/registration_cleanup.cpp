@@ -34,19 +34,10 @@ constexpr wchar_t kCachedInstallers[] = L"\\Installer\\";
 /// What the name of a security identifier's key contains, in lower case.
 constexpr wchar_t kSecurityIdentifierMark[] = L"s-1-5";
 
-/// Whether a value may be missing, or its absence ends the cleanup.
-constexpr bool kOptionalValue = false;
-constexpr bool kRequiredValue = true;
-
 /// Opens a key. Empty when it does not exist: no key of the installer is one that every machine has.
 /// Throws when it exists and cannot be opened.
 RegKey OpenIfPresent(HKEY root, const std::wstring& path) {
-    LSTATUS status = ERROR_SUCCESS;
-    RegKey key = RegKey::TryOpen(root, path, kReadWriteAccess, &status);
-    if (!key && status != ERROR_FILE_NOT_FOUND) {
-        throw RegKeyError(status, kOpenKeyFailed);
-    }
-    return key;
+    return RegKey::OpenIfPresent(root, path, kReadWriteAccess);
 }
 
 /// The subkeys, listed before anything is deleted, so that no deletion shifts the enumeration.
@@ -131,7 +122,8 @@ void RemoveCachedFolders(const std::wstring& source) {
 void RemoveUninstallEntries(const std::wstring& productName) {
     const RegKey uninstall = OpenIfPresent(HKEY_LOCAL_MACHINE, kUninstallKey);
     for (const std::wstring& entry : SubkeysOf(uninstall)) {
-        if (EqualsIgnoringCase(uninstall.GetString(entry, L"DisplayName", kOptionalValue), productName)) {
+        if (EqualsIgnoringCase(uninstall.GetString(entry, L"DisplayName", Unreadable::IsEmpty),
+                               productName)) {
             RegDeleteTreeW(uninstall.Get(), entry.c_str());
         }
     }
@@ -142,10 +134,10 @@ void RemoveUninstallEntries(const std::wstring& productName) {
 void RemoveInstalledProduct(const std::wstring& userKey, const RegKey& products,
                             const std::wstring& packedCode) {
     const std::wstring properties = packedCode + kInstallPropertiesSubkey;
-    RemoveCachedFolders(products.GetString(properties, L"UninstallString", kOptionalValue));
+    RemoveCachedFolders(products.GetString(properties, L"UninstallString", Unreadable::IsEmpty));
     RemoveUserFromSubkeys(HKEY_LOCAL_MACHINE, kMachineUpgradeCodesKey, packedCode);
     RemoveUserFromSubkeys(HKEY_LOCAL_MACHINE, userKey + kComponentsSubkey, packedCode);
-    DeleteFileW(products.GetString(properties, L"LocalPackage", kRequiredValue).c_str());
+    DeleteFileW(products.GetString(properties, L"LocalPackage", Unreadable::Throws).c_str());
     RegDeleteTreeW(products.Get(), packedCode.c_str());
 }
 
@@ -153,7 +145,7 @@ void RemoveFromUserData(const std::wstring& userKey, const std::wstring& product
     const RegKey products = OpenIfPresent(HKEY_LOCAL_MACHINE, userKey + kProductsSubkey);
     for (const std::wstring& packedCode : SubkeysOf(products)) {
         const std::wstring displayName =
-            products.GetString(packedCode + kInstallPropertiesSubkey, L"DisplayName", kOptionalValue);
+            products.GetString(packedCode + kInstallPropertiesSubkey, L"DisplayName", Unreadable::IsEmpty);
         if (EqualsIgnoringCase(displayName, productName)) {
             RemoveInstalledProduct(userKey, products, packedCode);
         }
@@ -174,8 +166,8 @@ void RemoveInstallerData(const std::wstring& productName) {
 struct AdvertisementPlace {
     HKEY root;
     std::wstring path;
-    /// Whether every product there must have a name that can be read.
-    bool nameRequired;
+    /// What becomes of a product whose name cannot be read.
+    Unreadable unreadableName;
     /// Whether the product's icon tells of its cache folder.
     bool iconNamesCacheFolder;
 };
@@ -183,7 +175,7 @@ struct AdvertisementPlace {
 void RemoveAdvertisedProduct(const AdvertisementPlace& place, const RegKey& products,
                              const std::wstring& packedCode) {
     if (place.iconNamesCacheFolder) {
-        RemoveCachedFolders(products.GetString(packedCode, L"ProductIcon", kOptionalValue));
+        RemoveCachedFolders(products.GetString(packedCode, L"ProductIcon", Unreadable::IsEmpty));
     }
     RemoveUserFromSubkeys(place.root, place.path + kUpgradeCodesSubkey, packedCode);
     DeleteSubkeyTree(place.root, place.path + kFeaturesSubkey, packedCode);
@@ -193,7 +185,7 @@ void RemoveAdvertisedProduct(const AdvertisementPlace& place, const RegKey& prod
 void RemoveAdvertisement(const AdvertisementPlace& place, const std::wstring& productName) {
     const RegKey products = OpenIfPresent(place.root, place.path + kProductsSubkey);
     for (const std::wstring& packedCode : SubkeysOf(products)) {
-        const std::wstring name = products.GetString(packedCode, L"ProductName", place.nameRequired);
+        const std::wstring name = products.GetString(packedCode, L"ProductName", place.unreadableName);
         if (EqualsIgnoringCase(name, productName)) {
             RemoveAdvertisedProduct(place, products, packedCode);
         }
@@ -203,7 +195,8 @@ void RemoveAdvertisement(const AdvertisementPlace& place, const std::wstring& pr
 void RemoveUsersAdvertisements(const std::wstring& productName) {
     const RegKey users = RegKey::Open(HKEY_USERS, L"", kReadWriteAccess);
     for (const std::wstring& user : users.EnumSubkeys()) {
-        RemoveAdvertisement({HKEY_USERS, user + kUserAdvertisementKey, kRequiredValue, false}, productName);
+        RemoveAdvertisement({HKEY_USERS, user + kUserAdvertisementKey, Unreadable::Throws, false},
+                            productName);
     }
 }
 
@@ -212,8 +205,10 @@ void RemoveUsersAdvertisements(const std::wstring& productName) {
 void RemoveProductRegistration(const std::wstring& productName) {
     RemoveUninstallEntries(productName);
     RemoveInstallerData(productName);
-    RemoveAdvertisement({HKEY_CLASSES_ROOT, kClassesAdvertisementKey, kOptionalValue, true}, productName);
-    RemoveAdvertisement({HKEY_LOCAL_MACHINE, kMachineAdvertisementKey, kRequiredValue, false}, productName);
+    RemoveAdvertisement({HKEY_CLASSES_ROOT, kClassesAdvertisementKey, Unreadable::IsEmpty, true},
+                        productName);
+    RemoveAdvertisement({HKEY_LOCAL_MACHINE, kMachineAdvertisementKey, Unreadable::Throws, false},
+                        productName);
     RemoveUsersAdvertisements(productName);
 }
 

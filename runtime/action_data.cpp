@@ -21,14 +21,12 @@ std::wstring GetActionDataValue(const std::wstring& actionData, const std::wstri
     return actionData.substr(position, actionData.find(L';', position) - position);
 }
 
-std::optional<std::wstring> ReadShortProperty(MSIHANDLE session, const wchar_t* name) {
-    wchar_t value[260] = {};
-    DWORD size = ARRAYSIZE(value);
-    if (MsiGetPropertyW(session, name, value, &size) != ERROR_SUCCESS) {
-        return std::nullopt;
-    }
-    value[ARRAYSIZE(value) - 1] = L'\0';
-    return std::wstring(value);
+ShortProperty ReadShortProperty(MSIHANDLE session, const wchar_t* name, size_t capacity) {
+    std::vector<wchar_t> value(capacity, L'\0');
+    auto size = static_cast<DWORD>(capacity);
+    const UINT status = MsiGetPropertyW(session, name, value.data(), &size);
+    value.back() = L'\0';
+    return {status == ERROR_SUCCESS, value.data()};
 }
 
 std::wstring ReadActionData(MSIHANDLE session) {

@@ -30,8 +30,7 @@ UINT MustStop(Work&& work) noexcept {
 }
 
 /// Lets a registry error through: a RegKeyError leaves the action, and the installer sees the action
-/// crash. Only the few actions do so on whose failing this way packages rely. Everything else is caught
-/// as in BestEffort.
+/// crash. Kept for the few actions whose contract it is. Everything else is caught as in BestEffort.
 template <typename Work>
 UINT LetRegistryErrorThrough(Work&& work, UINT resultOnError = ERROR_SUCCESS) {
     try {

@@ -37,20 +37,27 @@ bool MeansMissing(DWORD code) {
 
 // Access is denied to what is loaded as a module, runs as a program or waits for its last handle to be
 // closed; the folders above it then still hold something.
-bool MeansInUse(DWORD code) { return code == ERROR_ACCESS_DENIED || code == ERROR_DIR_NOT_EMPTY; }
+// A folder is shared differently as well by whoever has it as current directory.
+bool MeansInUse(DWORD code, DWORD attributes) {
+    return code == ERROR_ACCESS_DENIED || code == ERROR_DIR_NOT_EMPTY ||
+           (code == ERROR_SHARING_VIOLATION && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0);
+}
 
 bool HasAttributes(DWORD attributes) { return attributes != INVALID_FILE_ATTRIBUTES; }
 
-// The attributes of the entry itself, a link's own included; INVALID_FILE_ATTRIBUTES when there is none.
-DWORD AttributesOrMissing(const std::wstring& path, const char* operation) {
-    const DWORD attributes = GetFileAttributesW(path.c_str());
-    if (!HasAttributes(attributes)) {
-        const DWORD code = GetLastError();
-        if (!MeansMissing(code)) {
-            throw FileSystemError(code, operation);
-        }
+void ThrowUnlessMissing(DWORD code, const char* operation) {
+    if (!MeansMissing(code)) {
+        throw FileSystemError(code, operation);
     }
-    return attributes;
+}
+
+// What stands at path itself, a link included; no attributes when there is nothing.
+EntryKind KindOrMissing(const std::wstring& path, const char* operation) {
+    const EntryKind kind = KindOf(path);
+    if (!HasAttributes(kind.attributes)) {
+        ThrowUnlessMissing(GetLastError(), operation);
+    }
+    return kind;
 }
 
 FileHandle OpenForQuery(const std::wstring& path) {
@@ -68,15 +75,25 @@ BY_HANDLE_FILE_INFORMATION Identity(const std::wstring& path) {
     return identity;
 }
 
-// The attributes of what path names, seen through links; INVALID_FILE_ATTRIBUTES when nothing is there.
+// The attributes of what path names, seen through links; INVALID_FILE_ATTRIBUTES and GetLastError when
+// nothing is there.
 DWORD TargetAttributes(const std::wstring& path) {
     const std::wstring platformPath = PlatformPath(path);
     const DWORD attributes = GetFileAttributesW(platformPath.c_str());
-    if (!HasAttributes(attributes) || !IsLink(attributes)) {
+    if (!HasAttributes(attributes) || (attributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0) {
         return attributes;
     }
     const FileHandle target = OpenForQuery(platformPath);
     return target || !MeansMissing(GetLastError()) ? attributes : INVALID_FILE_ATTRIBUTES;
+}
+
+// As PathExists, but throws when the platform cannot tell.
+bool ExistsForCertain(const std::wstring& path) {
+    const bool exists = HasAttributes(TargetAttributes(path));
+    if (!exists) {
+        ThrowUnlessMissing(GetLastError(), kExists);
+    }
+    return exists;
 }
 
 // A trailing separator would have the platform look through a link instead of at it. A root keeps its
@@ -106,13 +123,15 @@ DWORD RemoveEntry(const std::wstring& path, DWORD attributes) {
 // The outcome of removing a tree, entry by entry.
 class RemovalCount {
 public:
-    void Take(DWORD code) {
+    /// Removes one entry and counts it.
+    void Remove(const std::wstring& path, DWORD attributes) {
+        const DWORD code = RemoveEntry(path, attributes);
         if (code == ERROR_SUCCESS) {
             ++removed_;
-        } else if (MeansInUse(code)) {
+        } else if (MeansInUse(code, attributes)) {
             complete_ = false;
-        } else if (!MeansMissing(code)) {
-            throw FileSystemError(code, kRemoveAll);
+        } else {
+            ThrowUnlessMissing(code, kRemoveAll);
         }
     }
     uintmax_t Result() const { return complete_ ? removed_ : kNotAllRemoved; }
@@ -126,41 +145,41 @@ private:
 // number of removed entries, 0 when there was nothing, or kNotAllRemoved when all is gone but what is
 // in use. Any other refusal, a sharing violation above all, throws and leaves what was not reached.
 uintmax_t RemoveAll(const std::wstring& path) {
-    const DWORD attributes = AttributesOrMissing(path, kRemoveAll);
-    if (!HasAttributes(attributes)) {
+    const EntryKind kind = KindOrMissing(path, kRemoveAll);
+    if (!HasAttributes(kind.attributes)) {
         return 0;
     }
     RemovalCount count;
-    if (IsRealFolder(attributes)) {
+    if (IsRealFolder(kind)) {
         TreeWalk walk(path, kRemoveAll, TreeWalk::Unlistable::CountsAsEmpty);
         while (walk.Next()) {
-            if (walk.IsLeaving() || !IsRealFolder(walk.Attributes())) {
-                count.Take(RemoveEntry(walk.Path(), walk.Attributes()));
+            if (walk.IsLeaving() || !IsRealFolder(walk.Kind())) {
+                count.Remove(walk.Path(), walk.Kind().attributes);
             }
         }
     }
-    count.Take(RemoveEntry(path, attributes));
+    count.Remove(path, kind.attributes);
     return count.Result();
 }
 
 bool ClearReadOnly(const std::wstring& path) {
-    const DWORD attributes = GetFileAttributesW(path.c_str());
-    if (!HasAttributes(attributes)) {
+    const EntryKind kind = KindOf(path);
+    if (!HasAttributes(kind.attributes)) {
         return false;
     }
     // What is written to a link may reach its target: only when there is something to clear.
-    if (IsLink(attributes) && (attributes & FILE_ATTRIBUTE_READONLY) == 0) {
+    if (IsLink(kind) && (kind.attributes & FILE_ATTRIBUTE_READONLY) == 0) {
         return true;
     }
-    return SetFileAttributesW(path.c_str(), attributes & ~static_cast<DWORD>(FILE_ATTRIBUTE_READONLY)) !=
+    return SetFileAttributesW(path.c_str(), kind.attributes & ~static_cast<DWORD>(FILE_ATTRIBUTE_READONLY)) !=
            FALSE;
 }
 
 // False when path is still there: it is in use, or a folder that still holds something.
 bool RemoveUnlessInUse(const std::wstring& path, DWORD attributes) {
     const DWORD code = RemoveEntry(path, attributes);
-    if (code != ERROR_SUCCESS && !MeansInUse(code) && !MeansMissing(code)) {
-        throw FileSystemError(code, kRemove);
+    if (code != ERROR_SUCCESS && !MeansInUse(code, attributes)) {
+        ThrowUnlessMissing(code, kRemove);
     }
     return code == ERROR_SUCCESS;
 }
@@ -174,11 +193,11 @@ void DeleteAtRestart(const std::wstring& path) {
 void RemoveOrScheduleContents(const std::wstring& folder) {
     TreeWalk walk(folder, kIterate, TreeWalk::Unlistable::CountsAsEmpty);
     while (walk.Next()) {
-        if (!walk.IsLeaving() && IsRealFolder(walk.Attributes())) {
+        if (!walk.IsLeaving() && IsRealFolder(walk.Kind())) {
             continue;
         }
         const std::wstring entry = walk.Path();
-        if (!ClearReadOnly(entry) || !RemoveUnlessInUse(entry, walk.Attributes())) {
+        if (!ClearReadOnly(entry) || !RemoveUnlessInUse(entry, walk.Kind().attributes)) {
             DeleteAtRestart(entry);
         }
     }
@@ -187,13 +206,16 @@ void RemoveOrScheduleContents(const std::wstring& folder) {
 bool IsRemovedInFull(uintmax_t removed) { return removed != 0 && removed != kNotAllRemoved; }
 
 void RemoveFolder(const std::wstring& path) {
+    if (!ExistsForCertain(path)) {
+        return;
+    }
     const std::wstring folder = PlatformPath(WithoutTrailingSeparators(path));
-    const DWORD attributes = AttributesOrMissing(folder, kExists);
-    if (!HasAttributes(attributes) || RemoveAll(folder) != kNotAllRemoved) {
+    const EntryKind kind = KindOrMissing(folder, kExists);
+    if (!HasAttributes(kind.attributes) || RemoveAll(folder) != kNotAllRemoved) {
         return;
     }
     // A link that cannot be removed has no contents of its own; opened, it may show its target's.
-    if (!IsLink(attributes)) {
+    if (!IsLink(kind)) {
         RemoveOrScheduleContents(folder);
     }
     if (!ClearReadOnly(folder) || !IsRemovedInFull(RemoveAll(folder))) {
@@ -273,13 +295,13 @@ bool AreSameObject(const std::wstring& left, const std::wstring& right) {
 
 bool RemoveOne(const std::wstring& path) {
     const std::wstring entry = PlatformPath(WithoutTrailingSeparators(path));
-    const DWORD attributes = AttributesOrMissing(entry, kRemove);
-    if (!HasAttributes(attributes)) {
+    const EntryKind kind = KindOrMissing(entry, kRemove);
+    if (!HasAttributes(kind.attributes)) {
         return false;
     }
-    const DWORD code = RemoveEntry(entry, attributes);
-    if (code != ERROR_SUCCESS && !MeansMissing(code)) {
-        throw FileSystemError(code, kRemove);
+    const DWORD code = RemoveEntry(entry, kind.attributes);
+    if (code != ERROR_SUCCESS) {
+        ThrowUnlessMissing(code, kRemove);
     }
     return code == ERROR_SUCCESS;
 }
@@ -296,15 +318,18 @@ void DeleteFolder(const std::wstring& path) noexcept {
 
 void GrantTreeToUsers(const std::wstring& path, const std::wstring& owner,
                       const std::wstring& workingDirectory) {
-    const DWORD attributes = GetFileAttributesW(PlatformPath(WithoutTrailingSeparators(path)).c_str());
-    if (!HasAttributes(attributes) || !IsRealFolder(attributes)) {
+    // The tool's C runtime would take a separator before the closing quote and that quote for a quote inside
+    // the name.
+    const std::wstring folder = WithoutTrailingSeparators(path);
+    const EntryKind kind = KindOf(PlatformPath(folder));
+    if (!HasAttributes(kind.attributes) || !IsRealFolder(kind)) {
         return;
     }
-    GrantUsersFullControl(path, owner, workingDirectory.c_str());
+    GrantUsersFullControl(folder, owner, workingDirectory.c_str());
     try {
         TreeWalk walk(path, kIterate, TreeWalk::Unlistable::EndsWalk);
         while (walk.Next()) {
-            if (!walk.IsLeaving() && !IsLink(walk.Attributes())) {
+            if (!walk.IsLeaving() && !IsLink(walk.Kind())) {
                 GrantUsersFullControl(walk.Path(), owner, workingDirectory.c_str());
             }
         }

@@ -72,8 +72,20 @@ void StopInheritance(const KernelHandle& handle) {
     SetHandleInformation(handle.Get(), HANDLE_FLAG_INHERIT, 0);
 }
 
-// Starts a command line without a window. Nothing when it was started, else the platform error, which may
-// be 0: a failed start need not set one.
+// The error of a call that has just failed: never 0, which callers take for success.
+DWORD LastErrorOr(DWORD fallback) {
+    const DWORD error = GetLastError();
+    return error != ERROR_SUCCESS ? error : fallback;
+}
+
+// A process's exit code, or the platform's error when it cannot be read. isKnown: which of the two it is.
+DWORD ReadExitCode(const KernelHandle& process, bool& isKnown) {
+    DWORD exitCode = 0;
+    isKnown = GetExitCodeProcess(process.Get(), &exitCode) != FALSE;
+    return isKnown ? exitCode : LastErrorOr(ERROR_INVALID_HANDLE);
+}
+
+// Starts a command line without a window. Nothing when it was started, else the platform error.
 std::optional<DWORD> StartHidden(wchar_t* commandLine, const wchar_t* workingDirectory, bool inheritHandles,
                                  STARTUPINFOW& startup, Child& child) {
     startup.cb = sizeof(startup);
@@ -81,7 +93,7 @@ std::optional<DWORD> StartHidden(wchar_t* commandLine, const wchar_t* workingDir
     if (CreateProcessW(nullptr, commandLine, nullptr, nullptr, inheritHandles ? TRUE : FALSE,
                        CREATE_NO_WINDOW, nullptr, WorkingDirectoryOrNull(workingDirectory), &startup,
                        &started) == FALSE) {
-        return GetLastError();
+        return LastErrorOr(ERROR_GEN_FAILURE);
     }
     child.process.Reset(started.hProcess);
     child.thread.Reset(started.hThread);
@@ -110,8 +122,7 @@ std::optional<DWORD> StartInterpreter(const std::wstring& command, const wchar_t
 }
 
 // Takes what waits in the pipe. The room for it is twice its size and is appended whole, so zero bytes
-// follow what was read: the log line shows the output up to the first of them, and readers of these
-// logs are used to that.
+// follow what was read. Kept: the log line shows the output up to the first of them.
 void CollectOutput(HANDLE readEnd, DWORD waiting, std::string& collected) {
     std::string chunk(size_t{waiting} * 2, '\0');
     DWORD read = 0;
@@ -127,12 +138,16 @@ std::wstring WidenConsoleText(const std::string& output) {
     return Widen(output.c_str(), consolePage != 0 ? consolePage : GetOEMCP());
 }
 
-// Reads until the child has ended. True when it ended, false when the pipe could not be asked. The exit
-// code is sampled before the pipe is read, so what the child wrote before it ended is still collected.
+// Reads until the child has ended. True when it ended, false when its exit code could not be read (exitCode
+// is then the platform's error) or the pipe could not be asked. The exit code is sampled before the pipe is
+// read, so what the child wrote before it ended is still collected.
 bool CollectUntilExit(const Child& child, const Pipe& pipe, DWORD& exitCode, std::string& collected) {
     do {
-        exitCode = 0;
-        GetExitCodeProcess(child.process.Get(), &exitCode);
+        bool isKnown = false;
+        exitCode = ReadExitCode(child.process, isKnown);
+        if (!isKnown) {
+            return false;
+        }
         DWORD waiting = 0;
         if (PeekNamedPipe(pipe.readEnd.Get(), nullptr, 0, nullptr, &waiting, nullptr) == FALSE) {
             return false;
@@ -181,7 +196,7 @@ bool RunProcessAndWait(wchar_t* commandLine, const std::wstring& workingDirector
     Child child;
     const auto error = StartHidden(commandLine, workingDirectory.c_str(), false, startup, child);
     if (error) {
-        // For whoever looks at the stopped process; it has never been written anywhere.
+        // For whoever looks at the stopped process: it is written nowhere.
         [[maybe_unused]] const std::wstring text = LaunchFailureText(commandLine, *error);
         return false;
     }
@@ -210,15 +225,12 @@ int ShellExecuteAndWait(const std::wstring& file, const std::wstring& parameters
     information.lpParameters = parameters.c_str();
     information.nShow = SW_HIDE;
     if (ShellExecuteExW(&information) == FALSE) {
-        return static_cast<int>(GetLastError());
+        return static_cast<int>(LastErrorOr(ERROR_GEN_FAILURE));
     }
     const KernelHandle process(information.hProcess);
     WaitForSingleObject(process.Get(), timeoutMilliseconds);
-    DWORD exitCode = 0;
-    if (GetExitCodeProcess(process.Get(), &exitCode) == FALSE) {
-        exitCode = GetLastError();
-    }
-    return static_cast<int>(exitCode);
+    bool isKnown = false;
+    return static_cast<int>(ReadExitCode(process, isKnown));
 }
 
 bool LaunchApplication(const wchar_t* parameters) {

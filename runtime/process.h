@@ -11,9 +11,11 @@ namespace corvi {
 /// Runs `cmd.exe /C "command"` hidden (CREATE_NO_WINDOW), collects what it prints on standard output
 /// and standard error, and logs "RunCommandline: %s - %s\n" with the command and the output when it has
 /// ended. workingDirectory: null or empty for the current one. session: the handle to log on, 0 for
-/// none. Gives the exit code, or the platform error of a failed start. No time limit; polls without
-/// pause. A child that ends with 259 (STILL_ACTIVE) cannot be told from one that runs and is waited for
-/// until the pipe can no longer be asked. Stands on CreateProcessW and PeekNamedPipe.
+/// none. Gives the exit code, or the platform error of a failed start or of an exit code that cannot be
+/// read; the wait then ends, and nothing is logged. Gives 259 (STILL_ACTIVE), with nothing logged, when the
+/// output's pipe can no longer be asked while the child runs. No time limit; polls without pause. A child
+/// that ends with 259 cannot be told from one that runs: it is waited for without end. Stands on
+/// CreateProcessW, GetExitCodeProcess and PeekNamedPipe.
 int RunCommandline(const std::wstring& command, const wchar_t* workingDirectory, MSIHANDLE session);
 
 /// Starts a command line hidden and, if wait is set, waits for its end without time limit. commandLine:
@@ -32,7 +34,8 @@ bool RunFromCommandBuffer(const std::wstring& command, const std::wstring& worki
 
 /// Starts a file through the shell, hidden and without any message box, and waits at most
 /// timeoutMilliseconds. Gives the exit code, 259 when it still runs (it is not ended), or the platform
-/// error of a failed start. Stands on ShellExecuteExW.
+/// error of a failed start or of an exit code that cannot be read, as of a start that gives no process.
+/// Stands on ShellExecuteExW and GetExitCodeProcess.
 int ShellExecuteAndWait(const std::wstring& file, const std::wstring& parameters, DWORD timeoutMilliseconds);
 
 /// Starts the task scheduler's command-line tool "schtasks" through the shell, hidden, without waiting.

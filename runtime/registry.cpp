@@ -149,6 +149,15 @@ RegKey RegKey::TryOpen(HKEY root, const std::wstring& subkey, REGSAM access, LST
     return RegKey(result == ERROR_SUCCESS ? key : nullptr);
 }
 
+RegKey RegKey::OpenIfPresent(HKEY root, const std::wstring& subkey, REGSAM access) {
+    LSTATUS status = ERROR_SUCCESS;
+    RegKey key = TryOpen(root, subkey, access, &status);
+    if (status != ERROR_FILE_NOT_FOUND) {
+        ThrowIfFailed(status, kOpenKeyFailed);
+    }
+    return key;
+}
+
 RegKey RegKey::Create(HKEY root, const std::wstring& subkey, REGSAM access) {
     RegKey key;
     ThrowIfFailed(CreateKey(root, subkey, access, key), kCreateKeyFailed);

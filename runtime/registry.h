@@ -51,6 +51,10 @@ public:
     /// receives the platform's result.
     static RegKey TryOpen(HKEY root, const std::wstring& subkey, REGSAM access, LSTATUS* status = nullptr);
 
+    /// The same for a key that need not be there: an empty RegKey when it is missing. Throws when it is there
+    /// and cannot be opened.
+    static RegKey OpenIfPresent(HKEY root, const std::wstring& subkey, REGSAM access);
+
     /// Opens root\subkey with the access mask or creates it (non-volatile) through RegCreateKeyExW. root: a
     /// predefined key or an open one. Throws RegKeyError with the returned code and "Unable to get create
     /// registry key".
@@ -73,10 +77,6 @@ public:
     /// the first, sizing RegGetValueW call, which may be 0.
     std::wstring GetString(const std::wstring& subkey, const std::wstring& valueName,
                            Unreadable unreadable) const;
-    std::wstring GetString(const std::wstring& subkey, const std::wstring& valueName,
-                           bool throwOnError) const {
-        return GetString(subkey, valueName, throwOnError ? Unreadable::Throws : Unreadable::IsEmpty);
-    }
 
     /// Reads a REG_SZ or REG_EXPAND_SZ value of this key as it is stored, unexpanded, up to its first
     /// terminator, by one RegQueryValueExW with room for capacityBytes. Nothing when it cannot be read, does

@@ -6,14 +6,14 @@
 
 namespace corvi {
 
-/// The installer session of the action that runs now. Every action that logs through a helper without
-/// a handle parameter stores its handle here first. Windows Installer runs one action at a time, so
-/// there is no lock.
+/// The installer session of the action that runs now, for helpers that log and have no handle parameter.
+/// Many actions store their handle here first thing; none of today's helpers reads it, for all that log
+/// take a handle or use one of those below. Windows Installer runs one action at a time, so there is no
+/// lock.
 extern MSIHANDLE currentSession;
 
 /// Three session handles that nothing ever sets: they stay 0, and the installer drops every line that
-/// is logged on handle 0. The helpers named below have always logged there and so are silent in
-/// practice; support engineers rely on the log not growing by these lines.
+/// is logged on handle 0. Kept: what logs there shows nothing in the installer log.
 
 /// Read by LaunchApplication only.
 extern const MSIHANDLE launchSession;

@@ -18,7 +18,7 @@ constexpr wchar_t kVersionKey[] = L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVers
 const auto isWow64Process = reinterpret_cast<IsWow64ProcessFunction>(
     reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32"), "IsWow64Process")));
 
-// Each value is read through an open of its own, as always.
+// Each value is read through an open of its own.
 RegKey OpenVersionKey() { return RegKey::Open(HKEY_LOCAL_MACHINE, kVersionKey, kReadWriteAccess); }
 
 // The classes of the pattern: "\d" is what the C runtime takes for a digit, "." is anything but these

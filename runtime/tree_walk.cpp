@@ -33,6 +33,7 @@ bool IsDeviceName(const std::wstring& name) {
 // The platform drops trailing dots and blanks and finds devices in every folder, unless told otherwise.
 bool IsMisreadName(const std::wstring& name) { return EndsInDotOrBlank(name) || IsDeviceName(name); }
 
+// The path made absolute, without the dots and blanks that the platform drops; empty when it cannot be done.
 std::wstring FullPath(const std::wstring& path) {
     std::wstring full(path.size() + MAX_PATH, L'\0');
     DWORD length = GetFullPathNameW(path.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr);
@@ -40,10 +41,7 @@ std::wstring FullPath(const std::wstring& path) {
         full.resize(length);
         length = GetFullPathNameW(path.c_str(), length, full.data(), nullptr);
     }
-    if (length == 0 || length >= full.size()) {
-        return path;
-    }
-    full.resize(length);
+    full.resize(length < full.size() ? length : 0);
     return full;
 }
 
@@ -52,11 +50,16 @@ bool IsVerbatim(const std::wstring& path) {
                        [&](const wchar_t* prefix) { return path.compare(0, 4, prefix) == 0; });
 }
 
+// Empty when the path cannot be made absolute: behind the prefix the platform reads it as it stands, so that
+// a relative one would name something else.
 std::wstring VerbatimPath(const std::wstring& path) {
     if (IsVerbatim(path)) {
         return path;
     }
     const std::wstring full = FullPath(path);
+    if (full.empty()) {
+        return full;
+    }
     return full.compare(0, 2, L"\\\\") == 0 ? L"\\\\?\\UNC" + full.substr(1) : L"\\\\?\\" + full;
 }
 
@@ -69,18 +72,49 @@ std::wstring ReadyForName(std::wstring folder) {
     return folder;
 }
 
+// The tag of the reparse point that an open handle stands for; 0 when the platform does not tell it.
+DWORD ReparseTag(const FileHandle& entry) {
+    FILE_ATTRIBUTE_TAG_INFO information = {};
+    return GetFileInformationByHandleEx(entry.Get(), FileAttributeTagInfo, &information,
+                                        sizeof(information)) != FALSE
+               ? information.ReparseTag
+               : 0;
+}
+
+bool IsReparsePoint(DWORD attributes) { return (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0; }
+
+// Opens an entry itself, not what a link leads to.
+FileHandle OpenEntry(const std::wstring& path, DWORD access, DWORD sharing) {
+    return FileHandle(CreateFileW(path.c_str(), access, sharing, nullptr, OPEN_EXISTING,
+                                  FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+}
+
 }  // namespace
 
 bool IsPathSeparator(wchar_t character) { return character == L'\\' || character == L'/'; }
 
-bool IsLink(DWORD attributes) { return (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0; }
+bool IsLink(const EntryKind& kind) {
+    return IsReparsePoint(kind.attributes) &&
+           (kind.reparseTag == 0 || IsReparseTagNameSurrogate(kind.reparseTag));
+}
 
-bool IsRealFolder(DWORD attributes) {
-    return (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 && !IsLink(attributes);
+bool IsRealFolder(const EntryKind& kind) {
+    return (kind.attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 && !IsLink(kind);
+}
+
+EntryKind KindOf(const std::wstring& path) {
+    EntryKind kind;
+    kind.attributes = GetFileAttributesW(path.c_str());
+    if (kind.attributes != INVALID_FILE_ATTRIBUTES && IsReparsePoint(kind.attributes)) {
+        kind.reparseTag = ReparseTag(
+            OpenEntry(path, FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE));
+    }
+    return kind;
 }
 
 std::wstring PlatformPath(const std::wstring& path) {
-    return path.size() > kLongestPlainPath ? VerbatimPath(path) : path;
+    const std::wstring verbatim = path.size() > kLongestPlainPath ? VerbatimPath(path) : std::wstring();
+    return verbatim.empty() ? path : verbatim;
 }
 
 TreeWalk::TreeWalk(const std::wstring& root, const char* operation, Unlistable unlistable)
@@ -88,6 +122,9 @@ TreeWalk::TreeWalk(const std::wstring& root, const char* operation, Unlistable u
       unlistable_(unlistable),
       root_(ReadyForName(EndsInDotOrBlank(root) && !IsVerbatim(root) ? FullPath(root) : root)),
       verbatimRoot_(ReadyForName(VerbatimPath(root))) {
+    if (root_.empty() || verbatimRoot_.empty()) {
+        throw FileSystemError(GetLastError(), operation_);
+    }
     Enter(PlatformPath(root), Level());
 }
 
@@ -104,7 +141,7 @@ bool TreeWalk::Next() {
     if (Level& level = levels_.back(); level.next < level.entries.size()) {
         Show(level, level.entries[level.next++]);
         leaving_ = false;
-        entersNext_ = IsRealFolder(attributes_);
+        entersNext_ = IsRealFolder(kind_);
         return true;
     }
     levels_.pop_back();
@@ -130,21 +167,25 @@ void TreeWalk::Show(const Level& level, const Entry& entry) {
         below_.clear();
     }
     below_ += entry.name;
-    attributes_ = entry.attributes;
+    kind_ = entry.kind;
     verbatim_ = level.verbatim || IsMisreadName(entry.name);
 }
 
 void TreeWalk::Enter(const std::wstring& folder, Level level) {
-    level.folder.Reset(CreateFileW(folder.c_str(), FILE_LIST_DIRECTORY, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                   nullptr, OPEN_EXISTING,
-                                   FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+    level.folder = OpenEntry(folder, FILE_LIST_DIRECTORY, FILE_SHARE_READ | FILE_SHARE_WRITE);
     BY_HANDLE_FILE_INFORMATION information = {};
     if (!level.folder || GetFileInformationByHandle(level.folder.Get(), &information) == FALSE) {
         EndUnlessEmpty(GetLastError());
-    } else if (IsRealFolder(information.dwFileAttributes)) {
-        ListEntries(level);
-    } else if (!IsLink(information.dwFileAttributes)) {
-        throw FileSystemError(ERROR_DIRECTORY, operation_);
+    } else {
+        EntryKind kind = {information.dwFileAttributes, 0};
+        if (IsReparsePoint(kind.attributes)) {
+            kind.reparseTag = ReparseTag(level.folder);
+        }
+        if (IsRealFolder(kind)) {
+            ListEntries(level);
+        } else if (!IsLink(kind)) {
+            throw FileSystemError(ERROR_DIRECTORY, operation_);
+        }
     }
     levels_.push_back(std::move(level));
 }
@@ -158,7 +199,9 @@ void TreeWalk::ListEntries(Level& level) const {
             const auto* found = reinterpret_cast<const FILE_FULL_DIR_INFO*>(bytes);
             std::wstring name(found->FileName, found->FileNameLength / sizeof(wchar_t));
             if (name != L"." && name != L"..") {
-                level.entries.push_back({std::move(name), found->FileAttributes});
+                // For a reparse point the size of the extended attributes is its tag.
+                const DWORD tag = IsReparsePoint(found->FileAttributes) ? found->EaSize : 0;
+                level.entries.push_back({std::move(name), {found->FileAttributes, tag}});
             }
             step = found->NextEntryOffset;
         }

@@ -9,45 +9,63 @@
 
 namespace corvi {
 
-/// True when the attributes are those of a link or another reparse point. Whatever stands behind it is
-/// not ours to touch: a walk never goes through it.
-bool IsLink(DWORD attributes);
+/// What an entry is.
+struct EntryKind {
+    DWORD attributes = INVALID_FILE_ATTRIBUTES;  ///< the entry's own, or this when there is none
+    DWORD reparseTag = 0;                        ///< of a reparse point; 0 when the platform does not tell it
+};
 
-/// True when the attributes are those of a folder that a walk may enter.
-bool IsRealFolder(DWORD attributes);
+/// True for a link (a symbolic link, a junction, a mounted volume): a reparse point whose tag stands for
+/// another name, or whose tag is unknown. Whatever stands behind it is not ours to touch: a walk never goes
+/// through it. Deduplicated, cloud and container entries are reparse points too, but no links.
+bool IsLink(const EntryKind& kind);
+
+/// True for a folder that a walk may enter.
+bool IsRealFolder(const EntryKind& kind);
+
+/// What stands at path itself, no link followed; attributes INVALID_FILE_ATTRIBUTES and GetLastError when
+/// nothing does. path: as PlatformPath gives it, without trailing separator, behind which the platform looks
+/// through a link. Stands on GetFileAttributesW.
+EntryKind KindOf(const std::wstring& path);
 
 /// True for "\\" and "/".
 bool IsPathSeparator(wchar_t character);
 
 /// The path as the platform calls take it: as it stands or, when it is too long for that, as an
-/// absolute path with the prefix "\\?\". path: absolute or relative, either separator.
+/// absolute path with the prefix "\\?\" (as it stands all the same when the platform cannot make it
+/// absolute). path: absolute or relative, either separator.
 std::wstring PlatformPath(const std::wstring& path);
 
 /// Goes through everything below a folder, in the order in which the platform lists it: each entry
 /// before what is below it, and each folder a second time after what is below it. Links are entries;
-/// they are never entered. Each folder is opened on itself and held against being renamed or replaced
-/// while its entries are visited; it is no longer held when it is visited the second time.
+/// they are never entered. Each folder, the root too, is opened on itself, listed as a whole, and held
+/// against being renamed, removed or replaced while its entries are visited; it is let go before it is
+/// visited the second time. What comes into a folder after it was listed is not visited.
 /// Stands on CreateFileW and GetFileInformationByHandleEx.
 class TreeWalk {
 public:
-    /// What becomes of a walk that comes to a folder which it may not list or which is gone by now.
+    /// What becomes of a walk that comes to a folder to which access is denied or which is gone by now: it
+    /// ends by an error, or goes on as if the folder were empty. Every other error ends it in either case.
     enum class Unlistable { EndsWalk, CountsAsEmpty };
 
     /// root: the folder, absolute or relative, with or without trailing separator; it is not visited
-    /// itself. operation: the name under which errors are thrown. Throws FileSystemError when root
-    /// cannot be listed, or is no folder.
+    /// itself. operation: the name under which errors are thrown. Throws FileSystemError when root is no
+    /// folder, cannot be made absolute or, as unlistable says, cannot be listed. A root that is a link has
+    /// no entries.
     TreeWalk(const std::wstring& root, const char* operation, Unlistable unlistable);
 
-    /// Goes on to the next visit; false when there is none. Throws FileSystemError when the folder that
-    /// was visited last cannot be listed.
+    /// Goes on to the next visit; false when there is none. Enters the folder that was visited last, and
+    /// throws FileSystemError when it cannot be listed, as unlistable says.
     bool Next();
 
-    /// The path of the visited entry: the root's path, as it was given, with the names below it. One
-    /// that the platform would otherwise misread (too long, a name with trailing dots or blanks, the
-    /// name of a device) has the prefix "\\?\".
+    /// The path of the visited entry: the root's path, as it was given, with the names below it (a root
+    /// that ends in a dot or a blank is made absolute first, as the platform reads it). One that the
+    /// platform would otherwise misread (too long, a name with trailing dots or blanks, the name of a
+    /// device) has the prefix "\\?\".
     std::wstring Path() const;
 
-    DWORD Attributes() const { return attributes_; }
+    /// What the visited entry was when its folder was listed.
+    const EntryKind& Kind() const { return kind_; }
 
     /// True at the second visit of a folder: everything below it was visited.
     bool IsLeaving() const { return leaving_; }
@@ -55,7 +73,7 @@ public:
 private:
     struct Entry {
         std::wstring name;
-        DWORD attributes;
+        EntryKind kind;
     };
     struct Level {
         FileHandle folder;
@@ -76,7 +94,7 @@ private:
     std::wstring verbatimRoot_;  // the same folder with "\\?\"
     std::vector<Level> levels_;
     std::wstring below_;  // the visited entry's path below the root
-    DWORD attributes_ = 0;
+    EntryKind kind_;
     bool verbatim_ = false;
     bool leaving_ = false;
     bool entersNext_ = false;

@@ -30,7 +30,7 @@ constexpr wchar_t kGateClosed[] = L"1";
 // The user's key is closed again before the gate is tested.
 std::wstring ReadGate() {
     return RegKey::Open(HKEY_CURRENT_USER, kSettingsAppKey, kReadWriteAccess)
-        .GetString(L"", kGateValue, true);
+        .GetString(L"", kGateValue, Unreadable::Throws);
 }
 
 // Kept: the gate's text is taken for the name of a file first, so that it closes only where a file "1"

@@ -7,7 +7,7 @@ namespace corvi {
 
 std::wstring ReadInstallLocation() {
     const RegKey key = RegKey::Open(HKEY_LOCAL_MACHINE, kSettingsAppInstallKey, kReadWriteAccess);
-    return key.GetString(L"", kLocationValue, true);
+    return key.GetString(L"", kLocationValue, Unreadable::Throws);
 }
 
 std::wstring InstalledProgram(const std::wstring& location, const std::wstring& fileName) {

@@ -94,14 +94,21 @@ TEST_F(ReadActionDataTest, AHandleThatIsNoSessionGivesAnEmptyText) {
 TEST_F(ReadActionDataTest, AShortPropertyFitsUpTo259Characters) {
     const std::wstring longest(259, L'v');
     session_.SetProperty(L"SHORT", longest);
-    EXPECT_EQ(ReadShortProperty(session_.Handle(), L"SHORT"), longest);
+    const ShortProperty fits = ReadShortProperty(session_.Handle(), L"SHORT");
+    EXPECT_TRUE(fits.isRead);
+    EXPECT_EQ(fits.text, longest);
     session_.SetProperty(L"SHORT", longest + L'v');
-    EXPECT_EQ(ReadShortProperty(session_.Handle(), L"SHORT"), std::nullopt);
+    const ShortProperty cut = ReadShortProperty(session_.Handle(), L"SHORT");
+    EXPECT_FALSE(cut.isRead);
+    EXPECT_EQ(cut.text, longest) << "what fitted";
+    EXPECT_TRUE(ReadShortProperty(session_.Handle(), L"SHORT", 261).isRead);
 }
 
 TEST_F(ReadActionDataTest, AShortPropertyThatIsNotSetReadsEmptyAndWithoutSessionNotAtAll) {
-    EXPECT_EQ(ReadShortProperty(session_.Handle(), L"NEVER_SET"), L"");
-    EXPECT_EQ(ReadShortProperty(0, L"NEVER_SET"), std::nullopt);
+    const ShortProperty notSet = ReadShortProperty(session_.Handle(), L"NEVER_SET");
+    EXPECT_TRUE(notSet.isRead);
+    EXPECT_EQ(notSet.text, L"");
+    EXPECT_FALSE(ReadShortProperty(0, L"NEVER_SET").isRead);
 }
 
 }  // namespace

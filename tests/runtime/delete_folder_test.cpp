@@ -10,6 +10,7 @@
 
 #include "runtime/filesystem.h"
 #include "tests/runtime/file_tree.h"
+#include "tests/support/handle_count.h"
 #include "tests/support/import_hooks.h"
 
 namespace corvi::test {
@@ -509,7 +510,7 @@ TEST_F(DeleteFolderWithLinks, ALinkToAFolderAboveItIsNotEntered) {
 }
 
 // Wine hides such a link; Windows shows it, and it is shown here.
-TEST_F(DeleteFolderTest, ALinkThatLeadsNowhereGoes) {
+TEST_F(DeleteFolderTest, ALinkThatLeadsNowhereIsNotThereAndStays) {
     const std::wstring link = tree_.Path(L"link");
     CORVI_HOOK(hooks_, GetFileAttributesW,
                [](LPCWSTR) -> DWORD { return FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT; });
@@ -520,7 +521,136 @@ TEST_F(DeleteFolderTest, ALinkThatLeadsNowhereGoes) {
     });
     DeleteFolder(link);
     hooks_.RestoreAll();
-    EXPECT_THAT(removed, ElementsAre(link));
+    EXPECT_THAT(removed, IsEmpty());
+    EXPECT_THAT(lines_, IsEmpty());
+}
+
+TEST_F(DeleteFolderTest, AFileWithATrailingSeparatorIsNotThereAndStays) {
+    const std::wstring file = tree_.File(L"file.txt");
+    DeleteFolder(file + L"\\");
+    DeleteFolder(file + L"/");
+    EXPECT_TRUE(tree_.Exists(L"file.txt"));
+    EXPECT_THAT(lines_, IsEmpty());
+}
+
+// As Windows refuses the current directory of a program.
+TEST_F(DeleteFolderTest, AFolderWhoseRemovalIsASharingViolationIsLeftToTheRestartAndTheRestGoes) {
+    tree_.File(L"a\\b\\file.txt");
+    tree_.File(L"a\\c\\file.txt");
+    CORVI_HOOK(hooks_, RemoveDirectoryW, [&](LPCWSTR path) -> BOOL {
+        if (path == tree_.Path(L"a\\b")) {
+            SetLastError(ERROR_SHARING_VIOLATION);
+            return FALSE;
+        }
+        return CORVI_ORIGINAL(hooks_, RemoveDirectoryW)(path);
+    });
+    RecordScheduled();
+    DeleteFolder(tree_.Path(L"a"));
+    EXPECT_THAT(tree_.All(), ElementsAre(tree_.Path(L"a"), tree_.Path(L"a\\b")));
+    EXPECT_THAT(scheduled_, ElementsAre(tree_.Path(L"a\\b"), tree_.Path(L"a")));
+    EXPECT_THAT(lines_, IsEmpty());
+}
+
+constexpr DWORD kDeduplicated = 0x80000013;
+constexpr DWORD kJunction = 0xA0000003;
+
+TEST_F(DeleteFolderTest, AReparsePointThatStandsForNoOtherNameIsAFolderLikeOthers) {
+    tree_.File(L"a\\b\\file.txt");
+    ShowAsReparsePoint(hooks_, L"b", kDeduplicated);
+    DeleteFolder(tree_.Path(L"a"));
+    EXPECT_FALSE(tree_.Exists(L"a"));
+    EXPECT_THAT(lines_, IsEmpty());
+}
+
+TEST_F(DeleteFolderTest, AReparsePointThatStandsForAnotherNameOrIsUnknownIsNotEntered) {
+    tree_.File(L"a\\b\\file.txt");
+    std::vector<std::wstring> deleted;
+    CORVI_HOOK(hooks_, DeleteFileW, [&](LPCWSTR path) -> BOOL {
+        deleted.emplace_back(path);
+        return TRUE;
+    });
+    RecordScheduled();
+    for (const DWORD tag : {kJunction, DWORD{0}}) {
+        ShowAsReparsePoint(hooks_, L"b", tag);
+        DeleteFolder(tree_.Path(L"a"));
+    }
+    EXPECT_THAT(deleted, IsEmpty());
+    EXPECT_TRUE(tree_.Exists(L"a\\b\\file.txt"));
+}
+
+// What the folder is is asked through a handle of its own.
+TEST_F(DeleteFolderTest, TheFolderItselfIsALinkByItsTagAlone) {
+    DWORD tag = kJunction;
+    CORVI_HOOK(hooks_, GetFileAttributesW, [&](LPCWSTR path) -> DWORD {
+        return CORVI_ORIGINAL(hooks_, GetFileAttributesW)(path) |
+               (path == tree_.Path(L"a") ? FILE_ATTRIBUTE_REPARSE_POINT : 0);
+    });
+    CORVI_HOOK(hooks_, GetFileInformationByHandleEx,
+               [&](HANDLE handle, FILE_INFO_BY_HANDLE_CLASS kind, LPVOID buffer, DWORD size) -> BOOL {
+                   if (kind != FileAttributeTagInfo) {
+                       return CORVI_ORIGINAL(hooks_, GetFileInformationByHandleEx)(handle, kind, buffer,
+                                                                                   size);
+                   }
+                   *static_cast<FILE_ATTRIBUTE_TAG_INFO*>(buffer) = {0, tag};
+                   return TRUE;
+               });
+    RecordScheduled();
+    tree_.File(L"a\\b\\file.txt");
+    DeleteFolder(tree_.Path(L"a"));
+    EXPECT_TRUE(tree_.Exists(L"a\\b\\file.txt")) << "a link's target is not ours";
+    tag = kDeduplicated;
+    DeleteFolder(tree_.Path(L"a"));
+    hooks_.RestoreAll();
+    EXPECT_FALSE(tree_.Exists(L"a"));
+}
+
+TEST_F(DeleteFolderTest, AFolderThatIsGoneBeforeItsLastRemovalRemovesNothingAndIsScheduled) {
+    tree_.File(L"a\\file.txt");
+    bool refused = false;
+    CORVI_HOOK(hooks_, DeleteFileW, [&](LPCWSTR path) -> BOOL {
+        SetLastError(ERROR_ACCESS_DENIED);
+        return std::exchange(refused, true) && CORVI_ORIGINAL(hooks_, DeleteFileW)(path);
+    });
+    CORVI_HOOK(hooks_, SetFileAttributesW, [&](LPCWSTR path, DWORD) -> BOOL {
+        if (path == tree_.Path(L"a")) {
+            RemoveDirectoryW(path);
+        }
+        return TRUE;
+    });
+    RecordScheduled();
+    DeleteFolder(tree_.Path(L"a"));
+    EXPECT_FALSE(tree_.Exists(L"a"));
+    EXPECT_THAT(scheduled_, ElementsAre(tree_.Path(L"a")));
+}
+
+class DeleteFolderMissing : public DeleteFolderTest, public testing::WithParamInterface<DWORD> {};
+
+TEST_P(DeleteFolderMissing, APathThatThePlatformDoesNotFindIsNoError) {
+    CORVI_HOOK(hooks_, GetFileAttributesW, [](LPCWSTR) -> DWORD {
+        SetLastError(GetParam());
+        return INVALID_FILE_ATTRIBUTES;
+    });
+    DeleteFolder(L"\\\\server\\share\\folder");
+    EXPECT_THAT(lines_, IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Codes, DeleteFolderMissing,
+                         testing::Values(ERROR_FILE_NOT_FOUND, ERROR_PATH_NOT_FOUND, ERROR_INVALID_DRIVE,
+                                         ERROR_BAD_NETPATH, ERROR_BAD_NET_NAME, ERROR_INVALID_NAME,
+                                         ERROR_BAD_PATHNAME, ERROR_DIRECTORY));
+
+TEST_F(DeleteFolderTest, ADriveRootKeepsItsSeparatorAndOtherFoldersLoseTheirs) {
+    std::vector<std::wstring> asked;
+    CORVI_HOOK(hooks_, GetFileAttributesW, [&](LPCWSTR path) -> DWORD {
+        asked.emplace_back(path);
+        SetLastError(ERROR_FILE_NOT_FOUND);
+        return asked.size() % 2 == 1 ? FILE_ATTRIBUTE_DIRECTORY : INVALID_FILE_ATTRIBUTES;
+    });
+    DeleteFolder(L"C:\\");
+    DeleteFolder(L"\\\\server\\share\\");
+    DeleteFolder(L"\\");
+    EXPECT_THAT(asked,
+                ElementsAre(L"C:\\", L"C:\\", L"\\\\server\\share\\", L"\\\\server\\share", L"\\", L"\\"));
 }
 
 TEST_F(DeleteFolderWithLinks, ALinkThatCannotBeRemovedIsScheduledAndNotEntered) {
@@ -607,11 +737,11 @@ TEST_F(DeleteFolderTest, LeaksNoHandles) {
         DeleteFolder(tree_.Path(L"a"));
     };
     deleteThrice();
-    const DWORD before = OpenHandles();
+    const unsigned long before = OpenHandleCount();
     for (int call = 0; call < 200; call += 3) {
         deleteThrice();
     }
-    EXPECT_EQ(OpenHandles(), before);
+    EXPECT_EQ(OpenHandleCount(), before);
 }
 
 /// Lets the call with the given number, of all calls of the platform that a deletion makes, fail.
@@ -681,12 +811,12 @@ TEST_P(DeleteFolderFaults, AnyCallThatFailsLeavesATreeThatTheNextDeletionRemoves
         tree_.File(L"a\\b\\one.txt");
         SetFileAttributesW(tree_.File(L"a\\two.txt").c_str(), FILE_ATTRIBUTE_READONLY);
         tree_.Folder(L"a\\c");
-        const DWORD handles = OpenHandles();
+        const unsigned long handles = OpenHandleCount();
         ImportHooks faults(GetModuleHandleW(nullptr));
         const FaultyPlatform platform(faults, failing, onwards, code);
         DeleteFolder(tree_.Path(L"a"));
         faults.RestoreAll();
-        EXPECT_EQ(OpenHandles(), handles) << failing;
+        EXPECT_EQ(OpenHandleCount(), handles) << failing;
         DeleteFolder(tree_.Path(L"a"));
         ASSERT_THAT(tree_.All(), ElementsAre(tree_.Path(L"outside.txt"))) << failing;
         if (!platform.WasReached()) {

@@ -1,6 +1,7 @@
 #include "tests/runtime/file_tree.h"
 
 #include <stdexcept>
+#include <utility>
 
 #include "runtime/registry.h"
 
@@ -156,6 +157,28 @@ std::vector<std::wstring> FileTree::All() const {
     return paths;
 }
 
+void ShowAsReparsePoint(ImportHooks& hooks, std::wstring name, DWORD tag) {
+    CORVI_HOOK(hooks, GetFileInformationByHandleEx,
+               [&hooks, name = std::move(name), tag](HANDLE handle, FILE_INFO_BY_HANDLE_CLASS kind,
+                                                     LPVOID buffer, DWORD size) -> BOOL {
+                   const BOOL done =
+                       CORVI_ORIGINAL(hooks, GetFileInformationByHandleEx)(handle, kind, buffer, size);
+                   if (done == FALSE || kind != FileFullDirectoryInfo) {
+                       return done;
+                   }
+                   auto* entry = static_cast<FILE_FULL_DIR_INFO*>(buffer);
+                   for (ULONG step = 1; step != 0;) {
+                       if (std::wstring(entry->FileName, entry->FileNameLength / sizeof(wchar_t)) == name) {
+                           entry->FileAttributes |= FILE_ATTRIBUTE_REPARSE_POINT;
+                           entry->EaSize = tag;
+                       }
+                       step = entry->NextEntryOffset;
+                       entry = reinterpret_cast<FILE_FULL_DIR_INFO*>(reinterpret_cast<char*>(entry) + step);
+                   }
+                   return done;
+               });
+}
+
 FileHandle Hold(const std::wstring& path, DWORD sharing) {
     FileHandle file(CreateFileW(path.c_str(), GENERIC_READ, sharing, nullptr, OPEN_EXISTING,
                                 FILE_FLAG_BACKUP_SEMANTICS, nullptr));
@@ -163,12 +186,6 @@ FileHandle Hold(const std::wstring& path, DWORD sharing) {
         throw std::runtime_error("cannot hold a file");
     }
     return file;
-}
-
-DWORD OpenHandles() {
-    DWORD count = 0;
-    GetProcessHandleCount(GetCurrentProcess(), &count);
-    return count;
 }
 
 std::vector<std::wstring> ScheduledDeletes() {

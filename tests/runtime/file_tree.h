@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "runtime/kernel_handle.h"
+#include "tests/support/import_hooks.h"
 
 namespace corvi::test {
 
@@ -37,11 +38,11 @@ public:
     std::vector<std::wstring> All() const;
 };
 
+/// Has every listing show the entries of that name as reparse points with that tag while hooks lives.
+void ShowAsReparsePoint(ImportHooks& hooks, std::wstring name, DWORD tag);
+
 /// Opens a file for reading, with the given sharing.
 FileHandle Hold(const std::wstring& path, DWORD sharing);
-
-/// The number of handles that this process has open.
-DWORD OpenHandles();
 
 /// What the platform's list of moves at the next restart deletes, in its order.
 std::vector<std::wstring> ScheduledDeletes();

@@ -7,6 +7,7 @@
 #include <filesystem>
 
 #include "tests/runtime/file_tree.h"
+#include "tests/support/handle_count.h"
 #include "tests/support/import_hooks.h"
 
 namespace corvi::test {
@@ -106,7 +107,9 @@ INSTANTIATE_TEST_SUITE_P(
                     ParentCase{L"C:/a/b\\c.exe", L"C:/a/b"}, ParentCase{L"C:\\a\\\\b.exe", L"C:\\a"},
                     ParentCase{L"C:\\a\\/\\b.exe", L"C:\\a"}, ParentCase{L"C:\\a\\", L"C:\\a"},
                     ParentCase{L"C:\\\\\\b.exe", L"C:\\\\\\"}, ParentCase{L"\\a", L"\\"},
-                    ParentCase{L"1:\\a", L"1:"},
+                    ParentCase{L"1:\\a", L"1:"}, ParentCase{L"A:\\a", L"A:\\"}, ParentCase{L"a:\\a", L"a:\\"},
+                    ParentCase{L"Z:\\a", L"Z:\\"}, ParentCase{L"z:\\a", L"z:\\"}, ParentCase{L"@:\\a", L"@:"},
+                    ParentCase{L"[:\\a", L"[:"},
                     ParentCase{L"\\SystemRoot\\System32\\x.sys", L"\\SystemRoot\\System32"},
                     ParentCase{L"\\??\\C:\\a\\x.sys", L"\\??\\C:\\a"},
                     ParentCase{L"\\\\?\\C:\\a\\x.sys", L"\\\\?\\C:\\a"},
@@ -212,11 +215,11 @@ TEST(Primitives, LeakNoHandles) {
         RemoveOne(tree.File(L"two.txt"));
     };
     useAll();
-    const DWORD before = OpenHandles();
+    const unsigned long before = OpenHandleCount();
     for (int round = 0; round < 200; ++round) {
         useAll();
     }
-    EXPECT_EQ(OpenHandles(), before);
+    EXPECT_EQ(OpenHandleCount(), before);
 }
 
 }  // namespace

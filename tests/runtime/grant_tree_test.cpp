@@ -5,6 +5,7 @@
 
 #include "runtime/filesystem.h"
 #include "tests/runtime/file_tree.h"
+#include "tests/support/handle_count.h"
 #include "tests/support/import_hooks.h"
 
 namespace corvi::test {
@@ -68,10 +69,39 @@ TEST_F(GrantTreeToUsersTest, GoesThroughFilesAndFoldersAlikeParentsBeforeChildre
     EXPECT_EQ(commands_.size(), 2 * tree_.All().size());
 }
 
-TEST_F(GrantTreeToUsersTest, JoinsNamesToATrailingBackslashAsItIs) {
+TEST_F(GrantTreeToUsersTest, TheFolderItselfIsGrantedWithoutItsTrailingSeparators) {
     tree_.File(L"a\\file.txt");
-    Grant(tree_.Path(L"a\\"));
-    EXPECT_THAT(Granted(), ElementsAre(L"C:\\corvi\\tree\\a\\", L"C:\\corvi\\tree\\a\\file.txt"));
+    for (const wchar_t* given : {L"a\\", L"a\\\\", L"a/"}) {
+        commands_.clear();
+        Grant(tree_.Path(given));
+        ASSERT_EQ(commands_.size(), 4U) << given;
+        EXPECT_EQ(commands_[0], L"cmd.exe /C \"icacls \"C:\\corvi\\tree\\a\" /setowner Some User\"");
+        EXPECT_EQ(commands_[1], L"cmd.exe /C \"icacls \"C:\\corvi\\tree\\a\" /grant Users:F\"");
+        EXPECT_EQ(Granted().back(), tree_.Path(given) + L"file.txt");
+    }
+}
+
+TEST_F(GrantTreeToUsersTest, ADriveRootKeepsItsSeparator) {
+    CORVI_HOOK(hooks_, GetFileInformationByHandleEx,
+               [](HANDLE, FILE_INFO_BY_HANDLE_CLASS, LPVOID, DWORD) -> BOOL {
+                   SetLastError(ERROR_NO_MORE_FILES);
+                   return FALSE;
+               });
+    Grant(L"C:\\");
+    EXPECT_THAT(Granted(), ElementsAre(L"C:\\"));
+}
+
+TEST_F(GrantTreeToUsersTest, GrantsAndEntersAReparsePointThatStandsForNoOtherName) {
+    tree_.File(L"a\\b\\file.txt");
+    ShowAsReparsePoint(hooks_, L"b", 0x80000013);
+    Grant(tree_.Path(L"a"));
+    EXPECT_EQ(Granted().size(), 3U);
+    commands_.clear();
+    for (const DWORD tag : {0xA0000003, 0xA000000C}) {
+        ShowAsReparsePoint(hooks_, L"b", tag);
+        Grant(tree_.Path(L"a"));
+    }
+    EXPECT_THAT(Granted(), ElementsAre(tree_.Path(L"a"), tree_.Path(L"a")));
 }
 
 TEST_F(GrantTreeToUsersTest, DoesNothingWhenThePathIsMissingOrNoFolder) {
@@ -125,11 +155,11 @@ TEST_F(GrantTreeToUsersTest, LeaksNoHandles) {
         Grant(tree_.Path(L"missing"));
     };
     grant();
-    const DWORD before = OpenHandles();
+    const unsigned long before = OpenHandleCount();
     for (int round = 0; round < 200; ++round) {
         grant();
     }
-    EXPECT_EQ(OpenHandles(), before);
+    EXPECT_EQ(OpenHandleCount(), before);
 }
 
 }  // namespace

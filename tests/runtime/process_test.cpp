@@ -313,9 +313,40 @@ TEST_F(RunCommandlineTest, AnyOtherErrorOfTheStartIsReturnedAndNothingLogged) {
     EXPECT_THAT(Log(), IsEmpty());
 }
 
-TEST_F(RunCommandlineTest, AFailedStartThatSetsNoErrorIsNoStartEither) {
+TEST_F(RunCommandlineTest, AFailedStartThatSetsNoErrorIsNoSuccessEither) {
     RefuseStarts(ERROR_SUCCESS);
-    EXPECT_EQ(Run(L"x"), 0);
+    EXPECT_NE(Run(L"x"), 0);
+    EXPECT_THAT(Log(), IsEmpty());
+}
+
+TEST_F(RunCommandlineTest, AnExitCodeThatCannotBeReadEndsTheWaitWithThePlatformErrorAndLogsNothing) {
+    AnswerStartsWith(0);
+    DWORD error = ERROR_ACCESS_DENIED;
+    int reads = 0;
+    CORVI_HOOK(hooks_, GetExitCodeProcess, [&](HANDLE, LPDWORD) -> BOOL {
+        ++reads;
+        SetLastError(error);
+        return FALSE;
+    });
+    EXPECT_EQ(Run(L"x"), ERROR_ACCESS_DENIED);
+    EXPECT_EQ(reads, 1);
+    error = ERROR_SUCCESS;
+    EXPECT_NE(Run(L"x"), 0) << "success is told by an exit code alone";
+    EXPECT_THAT(Log(), IsEmpty());
+}
+
+TEST_F(RunCommandlineTest, AnExitCodeThatCannotBeReadAnyMoreEndsTheWaitWhileTheChildRuns) {
+    const KernelHandle release = Event(kReleaseEvent);
+    int reads = 0;
+    CORVI_HOOK(hooks_, GetExitCodeProcess, [&](HANDLE process, LPDWORD exitCode) -> BOOL {
+        if (++reads > 2) {
+            SetLastError(ERROR_INVALID_HANDLE);
+            return FALSE;
+        }
+        return CORVI_ORIGINAL(hooks_, GetExitCodeProcess)(process, exitCode);
+    });
+    EXPECT_EQ(Run(Child(L"wait CorviTestRelease")), ERROR_INVALID_HANDLE);
+    SetEvent(release.Get());
     EXPECT_THAT(Log(), IsEmpty());
 }
 
@@ -678,6 +709,11 @@ TEST_F(ShellExecuteAndWaitTest, AFailedStartReturnsThePlatformError) {
         return FALSE;
     });
     EXPECT_EQ(ShellExecuteAndWait(L"x", L"", 0), ERROR_CANCELLED);
+    NoteShellStarts([](SHELLEXECUTEINFOW&) {
+        SetLastError(ERROR_SUCCESS);
+        return FALSE;
+    });
+    EXPECT_NE(ShellExecuteAndWait(L"x", L"", 0), 0) << "a refusal without a code is a refusal all the same";
 }
 
 TEST_F(ShellExecuteAndWaitTest, AnExitCodeThatCannotBeReadGivesThePlatformError) {
@@ -687,6 +723,11 @@ TEST_F(ShellExecuteAndWaitTest, AnExitCodeThatCannotBeReadGivesThePlatformError)
         return FALSE;
     });
     EXPECT_EQ(ShellExecuteAndWait(L"x", L"", 0), ERROR_ACCESS_DENIED);
+    CORVI_HOOK(hooks_, GetExitCodeProcess, [](HANDLE, LPDWORD) -> BOOL {
+        SetLastError(ERROR_SUCCESS);
+        return FALSE;
+    });
+    EXPECT_NE(ShellExecuteAndWait(L"x", L"", 0), 0) << "success is told by an exit code alone";
 }
 
 TEST_F(ShellExecuteAndWaitTest, AStartWithoutAProcessGivesTheErrorOfTheMissingHandle) {

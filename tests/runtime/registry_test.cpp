@@ -112,6 +112,16 @@ TEST_F(Registry, CreateOpensOrCreatesBelowARootOrAnOpenKeyWithTheAskedAccess) {
     EXPECT_THAT(made.EnumSubkeys(), ElementsAre(L"Deeper"));
 }
 
+TEST_F(Registry, OpenIfPresentGivesNoneForAMissingKeyAloneAndThrowsWhenOneIsRefused) {
+    EXPECT_TRUE(RegKey::OpenIfPresent(HKEY_LOCAL_MACHINE, kScratch, KEY_READ));
+    EXPECT_FALSE(RegKey::OpenIfPresent(HKEY_LOCAL_MACHINE, kScratch + L"\\None"s, KEY_READ));
+    CORVI_HOOK(hooks, RegOpenKeyExW,
+               [](HKEY, LPCWSTR, DWORD, REGSAM, PHKEY) -> LSTATUS { return ERROR_ACCESS_DENIED; });
+    const auto error = ErrorOf([] { RegKey::OpenIfPresent(HKEY_LOCAL_MACHINE, kScratch, KEY_READ); });
+    EXPECT_EQ(error.code().value(), ERROR_ACCESS_DENIED);
+    EXPECT_THAT(error.what(), StartsWith("Unable to open registry key"));
+}
+
 TEST_F(Registry, CreateThatIsRefusedThrowsOrGivesNone) {
     CORVI_HOOK(hooks, RegCreateKeyExW,
                [](HKEY, LPCWSTR, DWORD, LPWSTR, DWORD, REGSAM, LPSECURITY_ATTRIBUTES, PHKEY,

@@ -177,6 +177,20 @@ TEST_F(RegistryWalk, AKeyThatCannotBeOpenedIsListedAndSkipped) {
     EXPECT_THAT(KeyPaths(), ElementsAre(Under(L"A"), Under(L"B"), Under(L"B\\Below")));
 }
 
+// A registry link that leads back into its own ancestors makes keys without end.
+TEST_F(RegistryWalk, EndlessKeysAreEnteredDownTo512Levels) {
+    size_t opened = 0;
+    CORVI_HOOK(hooks, RegOpenKeyExW, [&](HKEY, LPCWSTR, DWORD, REGSAM access, PHKEY key) -> LSTATUS {
+        ++opened;
+        return CORVI_ORIGINAL(hooks, RegOpenKeyExW)(HKEY_LOCAL_MACHINE, kScratch, 0, access, key);
+    });
+    scratch.Add(L"x");
+    const std::vector<std::wstring> paths = KeyPaths();
+    EXPECT_EQ(opened, 512U);
+    ASSERT_EQ(paths.size(), 513U);
+    EXPECT_EQ(paths[1], Under(L"x\\x"));
+}
+
 TEST_F(RegistryWalk, AnIndexThatFailsIsSkipped) {
     for (const wchar_t* name : {L"A", L"B", L"C"}) {
         scratch.Add(name);
