@@ -366,6 +366,16 @@ TEST_F(SetPermissionsRegisterDll, Windows11WithFailingMediaSourceGives1603AndLea
     EXPECT_TRUE(IsPathExtended());
 }
 
+TEST_F(SetPermissionsRegisterDll, ExitCodeThatCannotBeReadGives1603) {
+    ImportHooks hooks(library_.Module());
+    CORVI_HOOK(hooks, GetExitCodeProcess, [](HANDLE, LPDWORD) -> BOOL {
+        SetLastError(ERROR_ACCESS_DENIED);
+        return FALSE;
+    });
+    EXPECT_EQ(Install(), 1603U);
+    EXPECT_TRUE(IsPathExtended());
+}
+
 TEST_F(SetPermissionsRegisterDll, EmptyMediaSourceNameRegistersTheServerOnly) {
     session_.SetActionData(
         L"InstallDir=C:\\corvi\\cameras\\;DLLName=OptxServer.dll;Username=Installer;VCDLLName=");
@@ -594,6 +604,15 @@ TEST_F(UnregisterDll, OlderWindowsUnregistersTheServer) {
 TEST_F(UnregisterDll, OlderWindowsWithFailingServerGives1603) {
     SetWindowsVersion(10, L"19045", 3803);
     components_.Script(kServer, L"unregister", E_FAIL);
+    EXPECT_EQ(Uninstall(), 1603U);
+}
+
+TEST_F(UnregisterDll, ExitCodeThatCannotBeReadGives1603) {
+    ImportHooks hooks(library_.Module());
+    CORVI_HOOK(hooks, GetExitCodeProcess, [](HANDLE, LPDWORD) -> BOOL {
+        SetLastError(ERROR_ACCESS_DENIED);
+        return FALSE;
+    });
     EXPECT_EQ(Uninstall(), 1603U);
 }
 

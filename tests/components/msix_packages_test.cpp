@@ -90,6 +90,16 @@ TEST_F(ContextMenuInstall, PowerShellThatCannotBeStartedFailsTheInstall) {
     EXPECT_EQ(started_.All().size(), 2U);
 }
 
+TEST_F(ContextMenuInstall, ExitCodeThatCannotBeReadFailsTheInstall) {
+    ImportHooks hooks(library_.Module());
+    CORVI_HOOK(hooks, GetExitCodeProcess, [](HANDLE, LPDWORD) -> BOOL {
+        SetLastError(ERROR_ACCESS_DENIED);
+        return FALSE;
+    });
+    EXPECT_EQ(library_.Call("InstallContextMenuMSIX", 0), 1603U);
+    EXPECT_EQ(started_.All().size(), 2U) << "the package is added all the same";
+}
+
 TEST_F(ContextMenuInstall, AnyErrorFailsTheInstall) {
     ImportHooks hooks(library_.Module());
     CORVI_HOOK(hooks, GetWindowsDirectoryW, [](LPWSTR, UINT) -> UINT { throw std::bad_alloc(); });
