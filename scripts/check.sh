@@ -54,6 +54,7 @@ analysis() {
 
 step "format" format
 step "folders and includes" python3 scripts/check_layout.py
+step "wording" python3 -B scripts/check_wording.py
 step "names, results and texts" python3 -B scripts/check_stability.py
 step "size and imports" python3 scripts/check_dll.py build/Corvi_CA.dll
 step "cppcheck" analysis
