@@ -1,5 +1,5 @@
 # The front door. Every target sets up what it needs first; 'make help' lists them.
-.PHONY: help setup build clang debug demo test check bench dist sign clean
+.PHONY: help setup build clang debug demo test check bench dist sign windows-kit clean
 .DEFAULT_GOAL := help
 
 # The sources stay clean: no compiled scripts beside them.
@@ -56,6 +56,10 @@ dist: setup-dist build ## the release archive: build/corvi-VERSION.zip
 sign: setup-sign build ## sign the DLL and the tool: make sign CERT=chain.pem KEY=key.pem [TIMESTAMP=URL] [CA=roots.pem]
 	@CERT="$(CERT)" KEY="$(KEY)" TIMESTAMP="$(TIMESTAMP)" CA="$(CA)" \
 	  sh scripts/sign.sh build/Corvi_CA.dll build/corvi.exe
+
+windows-kit: setup-build build/release/CMakeCache.txt ## the tests for a real Windows machine: build/corvi-windows-kit-VERSION.zip
+	@cmake --build --preset release -j $(JOBS)
+	@python3 -B scripts/windows_kit.py build/release
 
 clean: ## remove everything that was built
 	rm -rf build
