@@ -90,7 +90,10 @@ std::wstring ReadBrandingDirectory() {
 /// when that cannot be told.
 bool MayBeLink(const std::wstring& directory) {
     // Behind a trailing separator the platform looks through the link.
-    const std::wstring name = directory.substr(0, directory.find_last_not_of(L"\\/") + 1);
+    std::wstring name = directory.substr(0, directory.find_last_not_of(L"\\/") + 1);
+    if (!name.empty() && name.back() == L':') {
+        name += L'\\';  // the drive's root, not the current directory on it
+    }
     const EntryKind kind = KindOf(name);
     return kind.attributes == INVALID_FILE_ATTRIBUTES || IsLink(kind);
 }
