@@ -15,5 +15,6 @@ Row LibraryLoadRow();
 Row RemoveProductRegistrationRow();
 Row RemoveProductRegistrationGrowthRow();
 Row RewriteTaskFileRow();
+Row InstallerCallsRow();
 
 }  // namespace corvi::bench
