@@ -54,7 +54,7 @@ dist: setup-dist build ## the release archive: build/corvi-VERSION.zip
 	@sh scripts/dist.sh
 
 sign: setup-sign build ## sign the DLL and the tool: make sign CERT=chain.pem KEY=key.pem [TIMESTAMP=URL] [CA=roots.pem]
-	@CERT="$(CERT)" KEY="$(KEY)" TIMESTAMP="$(TIMESTAMP)" CA="$(CA)" \
+	@CERT="$(CERT)" KEY="$(KEY)" TIMESTAMP="$(TIMESTAMP)" CA="$(CA)" PKCS11_MODULE="$(PKCS11_MODULE)" \
 	  sh scripts/sign.sh build/Corvi_CA.dll build/corvi.exe
 
 windows-kit: setup-build build/release/CMakeCache.txt ## the tests for a real Windows machine: build/corvi-windows-kit-VERSION.zip
