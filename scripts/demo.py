@@ -3,6 +3,7 @@
 actions, their lines in the installer log, and what changed on the machine.
 usage: demo.py LOG_FOLDER, in the environment of a throwaway Wine prefix (scripts/demo.sh)"""
 
+import json
 import os
 import pathlib
 import re
@@ -15,7 +16,6 @@ import time
 import demo_story
 
 TIMEOUT = 120  # seconds for one run of the installer
-WXI_ACTION = re.compile(r'CustomAction Id="(\w+)"\s+BinaryKey="Corvi_CA"\s+DllEntry="\w+"\s+Execute="(\w+)"')
 
 
 class DemoFailure(Exception):
@@ -89,25 +89,14 @@ def plant(machine, things):
             raise ValueError(what)
 
 
-def custom_actions(log, known):
-    """[action, the installer's return value, its log lines] in the order in which they ran. A deferred
-    action stands twice in the log, written to the script and run from it after InstallFinalize has
-    started: only the run counts. known: how each action is executed, by its name."""
-    rows, current, from_script = [], None, False
-    for line in log.splitlines():
-        start = re.match(r"Action start [\d:]+: (\w+)\.", line)
-        end = re.match(r"Action ended [\d:]+: (\w+)\. Return value (\d+)\.", line)
-        if start:
-            from_script = from_script or start.group(1) == "InstallFinalize"
-            current = [start.group(1), None, []]
-        elif end and current and end.group(1) == current[0]:
-            current[1] = end.group(2)
-            if current[0] in known and (from_script or known[current[0]] == "immediate"):
-                rows.append(current)
-            current = None
-        elif current and line.strip() and not re.match(r"Action [\d:]+: ", line):
-            current[2].append(line.rstrip())
-    return rows
+def custom_actions(log_name):
+    """[action, what it came to, its log lines] in the order in which they ran, as corvi explain tells it."""
+    output, code = wine("C:\\corvi\\corvi.exe", "explain", "--json", f"C:\\corvi\\{log_name}")
+    if code not in (0, 1):
+        raise DemoFailure(f"corvi explain could not read {log_name}")
+    actions = json.loads(output)["logs"][0]["actions"]
+    return [[action["name"], action["verdict"], [line["text"].rstrip() for line in action["lines"]]]
+            for action in actions if action["verdict"] != "never ran"]
 
 
 def table(rows, headers):
@@ -127,10 +116,7 @@ def table(rows, headers):
         show(row)
 
 
-RESULT_WORDS = {"0": "failed", "1": "ok", "2": "cancelled", "3": "failed"}
-
-
-def run_step(machine, number, step, logs, known):
+def run_step(machine, number, step, logs):
     print(f"\n[{number}] {step['title']}", flush=True)
     plant(machine, step.get("plant", []))
     before = machine.state(step["watch"])
@@ -148,8 +134,7 @@ def run_step(machine, number, step, logs, known):
     (logs / log_name).write_text(text, encoding="utf-8")
     after = machine.state(step["watch"])
 
-    rows = [[name, RESULT_WORDS.get(value, value or "?"), "\n".join(lines)]
-            for name, value, lines in custom_actions(text, known)]
+    rows = [[name, verdict, "\n".join(lines)] for name, verdict, lines in custom_actions(log_name)]
     table(rows or [["(none)", "", ""]], ["action", "result", "log lines"])
     changes = [f"{what}: {before[what] or 'absent'} -> {after[what] or 'absent'}"
                for what in step["watch"] if before[what] != after[what]]
@@ -177,9 +162,7 @@ def run_step(machine, number, step, logs, known):
 def main():
     logs = pathlib.Path(sys.argv[1])
     machine = Machine(os.environ["WINEPREFIX"])
-    include = pathlib.Path(__file__).parent.parent / "package" / "Corvi_CA.wxi"
-    known = dict(WXI_ACTION.findall(include.read_text(encoding="utf-8")))
-    results = [run_step(machine, number, {"watch": list(step["expect"]), **step}, logs, known)
+    results = [run_step(machine, number, {"watch": list(step["expect"]), **step}, logs)
                for number, step in enumerate(demo_story.STEPS, 1)]
     good = sum(results)
     print(f"\ndemo: {good} of {len(results)} runs of the installer went as expected: "
