@@ -147,6 +147,19 @@ class Release(unittest.TestCase):
             "test -f \"$WINEPREFIX/drive_c/Program Files/TAVO/Graphics Driver/DriverTool.exe\"")
         need(done)
 
+    def test_the_package_of_the_readme_is_built_from_it_installed_and_removed(self):
+        work = self.folder / "newcomer"
+        work.mkdir()
+        source = re.search(r"is `mytool.wxs`.*?```xml\n(.*?)```", (ROOT / "README.md").read_text(), re.DOTALL)[1]
+        (work / "mytool.wxs").write_text(source)
+        (work / "mytool.txt").write_text("a program\n")
+        shutil.copy(self.release / "Corvi_CA.dll", work)
+        need(run("sh", str(self.release / "examples" / "build_package.sh"), "mytool.msi", "mytool.wxs", cwd=work))
+        file = '"$WINEPREFIX/drive_c/Program Files/My tool/mytool.txt"'
+        need(self.on_a_throwaway_machine(
+            work, f"timeout 120 wine msiexec /i 'C:\\corvi\\mytool.msi' /qn && test -f {file} && "
+            f"timeout 120 wine msiexec /x 'C:\\corvi\\mytool.msi' /qn && test ! -f {file}"))
+
     def test_the_tool_of_it_finds_the_library_beside_it(self):
         done = self.on_a_throwaway_machine(self.release, "wine 'C:\\corvi\\corvi.exe' --version")
         self.assertEqual(f"corvi {self.texts()}", done.stdout.strip())

@@ -330,9 +330,8 @@ TEST_F(SetPermissionsRegisterDll, WholeTreeIsHandedToTheUsersBeforeAnyRegistrati
     // The directory, two components, a folder and its file: two commands for each.
     EXPECT_EQ(std::distance(started.begin(), firstOther), 10);
     EXPECT_TRUE(std::none_of(firstOther, started.end(), isPermission));
-    EXPECT_EQ(started[0],
-              (StartedCommand{L"icacls \"C:\\corvi\\cameras\\\" /setowner Installer", kDirectory}));
-    EXPECT_EQ(started[1], (StartedCommand{L"icacls \"C:\\corvi\\cameras\\\" /grant Users:F", kDirectory}));
+    EXPECT_EQ(started[0], (StartedCommand{L"icacls \"C:\\corvi\\cameras\" /setowner Installer", kDirectory}));
+    EXPECT_EQ(started[1], (StartedCommand{L"icacls \"C:\\corvi\\cameras\" /grant Users:F", kDirectory}));
     EXPECT_THAT(std::vector<StartedCommand>(started.begin(), firstOther),
                 testing::Contains(StartedCommand{
                     L"icacls \"C:\\corvi\\cameras\\inner\\data.bin\" /setowner Installer", kDirectory}));
