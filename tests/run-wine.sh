@@ -17,7 +17,7 @@ cp "$program" "$WINEPREFIX/drive_c/corvi/" || exit 1
 # Another build of the library in place of the stage's, as 'make clang' asks.
 [ -z "${CORVI_LIBRARY:-}" ] || cp "$CORVI_LIBRARY" "$WINEPREFIX/drive_c/corvi/Corvi_CA.dll" || exit 1
 cd "$WINEPREFIX/drive_c/corvi" || exit 1
-timeout -k 5 "${CORVI_TEST_TIMEOUT:-280}" wine "C:\\corvi\\$(basename "$program")" "$@" </dev/null
+timeout -k 5 "${CORVI_TEST_TIMEOUT:-580}" wine "C:\\corvi\\$(basename "$program")" "$@" </dev/null
 code=$?
-[ "$code" -ne 124 ] || echo "run-wine: timed out after ${CORVI_TEST_TIMEOUT:-280} s" >&2
+[ "$code" -ne 124 ] || echo "run-wine: timed out after ${CORVI_TEST_TIMEOUT:-580} s" >&2
 exit "$code"
