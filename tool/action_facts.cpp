@@ -645,7 +645,7 @@ const std::vector<ActionFacts> kCamera = {
          "Windows 11 with the media source present also that DLL and its camera scan; puts "
          "Windows\\System32\\TAVO; in front of the system path.",
      .takenBackBy = "UnregisterDLL",
-     .takenBackNote = "The permissions go with the folder; the path entry stays.",
+     .takenBackNote = "Owner, permissions and the path entry stay.",
      .rollback = "UnregisterDLL",
      .rollbackTakesData = true,
      .results = {{0, Outcome::Done, "the deciding registration went well"},
