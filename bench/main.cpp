@@ -40,9 +40,10 @@ int main(int argc, char** argv) {
     std::printf("%-52s %10s %7s  %12s %6s\n", "job, and the other ways of doing it", "median ms", "ratio",
                 "lowest..high", "aim");
     std::vector<RowResult> results;
-    for (Row (*const row)() : {DeleteFolderRow, ListKeyPathsRow, ListKeyPathsGrowthRow, RunCommandlineRow,
-                               LibraryLoadRow, RemoveProductRegistrationRow,
-                               RemoveProductRegistrationGrowthRow, RewriteTaskFileRow, InstallerCallsRow}) {
+    for (Row (*const row)() :
+         {DeleteFolderRow, ListKeyPathsRow, ListKeyPathsGrowthRow, RunCommandlineRow, LibraryLoadRow,
+          RemoveProductRegistrationRow, RemoveProductRegistrationGrowthRow, RewriteTaskFileRow,
+          InstallerCallsRow, PackageCheckRow}) {
         const Row job = row();
         if (job.name.find(wanted) == std::string::npos) {
             continue;

@@ -16,5 +16,6 @@ Row RemoveProductRegistrationRow();
 Row RemoveProductRegistrationGrowthRow();
 Row RewriteTaskFileRow();
 Row InstallerCallsRow();
+Row PackageCheckRow();
 
 }  // namespace corvi::bench

@@ -1,5 +1,5 @@
 #!/bin/sh
-# Everything that can be told without running the library: format, layout, size, lint, analysis.
+# Everything that can be told without running the library: format, layout, size, packages, lint, analysis.
 # Needs build/release to be configured and build/Corvi_CA.dll to be built.
 set -u
 cd "$(dirname "$0")/.." || exit 1
@@ -57,6 +57,7 @@ step "folders and includes" python3 scripts/check_layout.py
 step "wording" python3 -B scripts/check_wording.py
 step "names, results and texts" python3 -B scripts/check_stability.py
 step "size and imports" python3 scripts/check_dll.py build/Corvi_CA.dll
+step "packages" sh scripts/check_packages.sh
 step "cppcheck" analysis
 step "clang-tidy" tidy
 exit "$failed"

@@ -142,6 +142,16 @@ class Lists(unittest.TestCase):
         tests = "\n".join(path.read_text(encoding="utf-8") for path in ROOT.glob("tests/**/*_test.cpp"))
         self.assertEqual(set(), {name for name in self.exports if f'"{name}"' not in tests})
 
+    def test_every_finding_of_corvi_check_is_described_and_has_a_test(self):
+        found = set()
+        for source in ROOT.glob("tool/check_*.cpp"):
+            found |= set(re.findall(r'\{\s*"([a-z0-9]+(?:-[a-z0-9]+)+)",', source.read_text(encoding="utf-8")))
+        self.assertTrue(found)
+        described = re.findall(r"^\| `([a-z0-9-]+)` \| \S.* \| \S.* \|$", read("docs", "corvi.md"), re.MULTILINE)
+        self.assertEqual(sorted(found), sorted(described))
+        tests = read("tests", "tool", "check_test.cpp")
+        self.assertEqual(set(), {name for name in found if f'"{name}"' not in tests})
+
 
 if __name__ == "__main__":
     unittest.main()

@@ -17,6 +17,7 @@ using AddVerbFunction = void (*)(CLI::App&, Work&);
 constexpr AddVerbFunction kVerbs[] = {
     AddListVerb,
     AddIncludeVerb,
+    AddCheckVerb,
     AddExplainVerb,
 };
 

@@ -18,6 +18,7 @@ using Work = std::function<int()>;
 // lists them in the order of the program's help.
 void AddListVerb(CLI::App& program, Work& work);
 void AddIncludeVerb(CLI::App& program, Work& work);
+void AddCheckVerb(CLI::App& program, Work& work);
 void AddExplainVerb(CLI::App& program, Work& work);
 
 /// Adds the verb `name` with its purpose (sentences) and the examples that end its help, one command a
