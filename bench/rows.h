@@ -17,5 +17,6 @@ Row RemoveProductRegistrationGrowthRow();
 Row RewriteTaskFileRow();
 Row InstallerCallsRow();
 Row PackageCheckRow();
+Row PlanRow();
 
 }  // namespace corvi::bench

@@ -17,6 +17,8 @@ using AddVerbFunction = void (*)(CLI::App&, Work&);
 constexpr AddVerbFunction kVerbs[] = {
     AddListVerb,
     AddIncludeVerb,
+    AddPlanVerb,
+    AddRunVerb,
     AddCheckVerb,
     AddExplainVerb,
 };

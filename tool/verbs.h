@@ -18,6 +18,8 @@ using Work = std::function<int()>;
 // lists them in the order of the program's help.
 void AddListVerb(CLI::App& program, Work& work);
 void AddIncludeVerb(CLI::App& program, Work& work);
+void AddPlanVerb(CLI::App& program, Work& work);
+void AddRunVerb(CLI::App& program, Work& work);
 void AddCheckVerb(CLI::App& program, Work& work);
 void AddExplainVerb(CLI::App& program, Work& work);
 

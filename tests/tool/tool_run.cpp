@@ -27,9 +27,7 @@ std::string Bytes(const std::filesystem::path& path) {
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
-}  // namespace
-
-ToolRun RunTool(const std::wstring& arguments, unsigned limitMilliseconds) {
+ToolRun RunWith(HANDLE token, const std::wstring& arguments, unsigned limitMilliseconds) {
     std::wstring commandLine = L"C:\\corvi\\corvi.exe " + arguments;
     STARTUPINFOW startup = {};
     startup.cb = sizeof(startup);
@@ -38,8 +36,8 @@ ToolRun RunTool(const std::wstring& arguments, unsigned limitMilliseconds) {
     startup.hStdOutput = Inheritable(kOutput);
     startup.hStdError = Inheritable(kError);
     PROCESS_INFORMATION process = {};
-    const BOOL started = CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr,
-                                        L"C:\\corvi", &startup, &process);
+    const BOOL started = CreateProcessAsUserW(token, nullptr, commandLine.data(), nullptr, nullptr, TRUE, 0,
+                                              nullptr, L"C:\\corvi", &startup, &process);
     const DWORD reason = GetLastError();
     CloseHandle(startup.hStdOutput);
     CloseHandle(startup.hStdError);
@@ -60,6 +58,14 @@ ToolRun RunTool(const std::wstring& arguments, unsigned limitMilliseconds) {
     }
     return run;
 }
+
+}  // namespace
+
+ToolRun RunTool(const std::wstring& arguments, unsigned limitMilliseconds) {
+    return RunWith(nullptr, arguments, limitMilliseconds);
+}
+
+ToolRun RunToolAs(void* token, const std::wstring& arguments) { return RunWith(token, arguments, 120000); }
 
 size_t LongestLine(const std::string& utf8) {
     size_t longest = 0;

@@ -16,6 +16,9 @@ struct ToolRun {
 /// the limit.
 ToolRun RunTool(const std::wstring& arguments, unsigned limitMilliseconds = 120000);
 
+/// The same with the rights of another token.
+ToolRun RunToolAs(void* token, const std::wstring& arguments);
+
 /// The length of the longest line in characters (not bytes).
 size_t LongestLine(const std::string& utf8);
 
