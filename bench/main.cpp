@@ -43,7 +43,7 @@ int main(int argc, char** argv) {
     for (Row (*const row)() :
          {DeleteFolderRow, ListKeyPathsRow, ListKeyPathsGrowthRow, RunCommandlineRow, LibraryLoadRow,
           RemoveProductRegistrationRow, RemoveProductRegistrationGrowthRow, RewriteTaskFileRow,
-          InstallerCallsRow, PackageCheckRow, PlanRow}) {
+          InstallerCallsRow, PackageCheckRow, PlanRow, ExplainLogRow}) {
         const Row job = row();
         if (job.name.find(wanted) == std::string::npos) {
             continue;

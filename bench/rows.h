@@ -18,5 +18,6 @@ Row RewriteTaskFileRow();
 Row InstallerCallsRow();
 Row PackageCheckRow();
 Row PlanRow();
+Row ExplainLogRow();
 
 }  // namespace corvi::bench

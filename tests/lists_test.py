@@ -127,6 +127,20 @@ class Lists(unittest.TestCase):
         for action, schedule in schedules.items():
             self.assertEqual(" ".join(bullet(said[action], "Schedule").split()), schedule, action)
 
+    def test_the_table_of_facts_and_the_reference_name_the_same_results(self):
+        said = dict(entries())
+        table = read("tool", "action_facts.cpp")
+        shared = dict(re.findall(r"^const Result (\w+) = \{(\w+), ", table, re.MULTILINE))
+        facts = re.findall(r'\{\.name = "(\w+)",\s*\.room.*?\.results =\s*\{(.*?)\},\s*\.(?:log|onFailure) =', table,
+                           re.DOTALL)
+        self.assertEqual(self.exports, {action for action, _ in facts})
+        for action, results in facts:
+            words = re.findall(r"\{(\w+), Outcome::|\b(k[A-Z]\w+)", results)
+            codes = [int(number or shared[name], 0) for number, name in words]
+            returns = " ".join(bullet(said[action], "Returns").split())
+            said_codes = [int(number, 0) for number in re.findall(r"(?:^|; )(0x\w+|\d+) ", returns)]
+            self.assertEqual(said_codes, codes, action)
+
     def test_the_examples_of_the_reference_and_the_readme_are_those_that_the_tests_install(self):
         sources = "\n".join(path.read_text(encoding="utf-8") for folder in ("package", "tests/fixtures")
                             for path in ROOT.glob(f"{folder}/*.wxs"))

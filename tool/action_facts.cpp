@@ -586,7 +586,7 @@ const std::vector<ActionFacts> kArbitration = {
          "TUEPClient in SOFTWARE\\TAVO\\TAVOAnalytics.",
      .takenBackNote = "On an uninstall it takes its own status back.",
      .results =
-         {{0, Outcome::Done, "go on: install, or remove"},
+         {{0, Outcome::Done, "go on: install, or remove; also without action data"},
           {259, Outcome::Skip,
            "an installed copy is kept or another client holds TUEP: the installer skips the rest, "
            "successfully"},
@@ -648,7 +648,7 @@ const std::vector<ActionFacts> kCamera = {
      .takenBackNote = "Owner, permissions and the path entry stay.",
      .rollback = "UnregisterDLL",
      .rollbackTakesData = true,
-     .results = {{0, Outcome::Done, "the deciding registration went well"},
+     .results = {{0, Outcome::Done, "the deciding registration went well, or there is no action data"},
                  {1603, Outcome::Failed, "the deciding registration failed"}},
      .log = {kActionDataLine,
              kDllPathLine,
@@ -682,7 +682,7 @@ const std::vector<ActionFacts> kCamera = {
      .takenBackNote = "SetPermissionsRegisterDLL registers again.",
      .rollback = "SetPermissionsRegisterDLL",
      .rollbackTakesData = true,
-     .results = {{0, Outcome::Done, "the deciding unregistration went well"},
+     .results = {{0, Outcome::Done, "the deciding unregistration went well, or there is no action data"},
                  {1603, Outcome::Failed, "the deciding unregistration failed"}},
      .log = {kActionDataLine,
              kDllPathLine,
@@ -804,7 +804,7 @@ const std::vector<ActionFacts> kSystemPath = {
          "Puts Windows\\System32\\TAVO; of the Windows drive in front of the system path, unless it is there "
          "already, and tells all windows.",
      .takenBackNote = "Nothing takes it back: the entry outlives the product.",
-     .results = {{0, Outcome::Done, "the entry is on the path"}},
+     .results = {{0, Outcome::Done, "the entry is on the path, or the Windows directory is not known"}},
      .onFailure =
          "A path that cannot be read or written lets a registry error out: look at the value's type and "
          "rights."},
@@ -1056,7 +1056,8 @@ const std::vector<ActionFacts> kProfileClient = {
      .takenBackBy = "UnInstallPPC",
      .takenBackNote = "The GUID, the performance counters' value and the access list stay.",
      .rollback = "UnInstallPPC",
-     .results = {{0, Outcome::Done, "TUEP is set up; a service that does not start does not stop the action"},
+     .results = {{0, Outcome::Done,
+                  "TUEP is set up, whether its service starts or not; or there is no action data"},
                  {1603, Outcome::Failed, "the event source cannot be registered, and nothing was done"}},
      .log = {kActionDataLine,
              kTaskNameLine,
