@@ -32,14 +32,15 @@ public:
     }
 
 private:
-    void WriteToConsole(std::wstring_view text) {
-        while (!text.empty()) {
+    void WriteToConsole(const std::wstring& text) {
+        std::size_t done = 0;
+        while (done < text.size()) {
             DWORD written = 0;
-            const auto piece = static_cast<DWORD>(std::min<std::size_t>(text.size(), 8000));
-            if (WriteConsoleW(handle_, text.data(), piece, &written, nullptr) == FALSE || written == 0) {
+            const auto piece = static_cast<DWORD>(std::min<std::size_t>(text.size() - done, 8000));
+            if (WriteConsoleW(handle_, &text[done], piece, &written, nullptr) == FALSE || written == 0) {
                 return;
             }
-            text.remove_prefix(written);
+            done += written;
         }
     }
     void WriteBytes(std::string_view bytes) {
