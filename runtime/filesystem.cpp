@@ -96,15 +96,6 @@ bool ExistsForCertain(const std::wstring& path) {
     return exists;
 }
 
-// A trailing separator would have the platform look through a link instead of at it. A root keeps its
-// own: "\", "C:\".
-std::wstring WithoutTrailingSeparators(std::wstring path) {
-    while (path.size() > 1 && IsPathSeparator(path.back()) && path[path.size() - 2] != L':') {
-        path.pop_back();
-    }
-    return path;
-}
-
 // Removes one file, link or empty folder, read-only or not. Gives the platform's code.
 DWORD RemoveEntry(const std::wstring& path, DWORD attributes) {
     if ((attributes & FILE_ATTRIBUTE_READONLY) != 0) {

@@ -112,6 +112,13 @@ EntryKind KindOf(const std::wstring& path) {
     return kind;
 }
 
+std::wstring WithoutTrailingSeparators(std::wstring path) {
+    while (path.size() > 1 && IsPathSeparator(path.back()) && path[path.size() - 2] != L':') {
+        path.pop_back();
+    }
+    return path;
+}
+
 std::wstring PlatformPath(const std::wstring& path) {
     const std::wstring verbatim = path.size() > kLongestPlainPath ? VerbatimPath(path) : std::wstring();
     return verbatim.empty() ? path : verbatim;
@@ -125,7 +132,7 @@ TreeWalk::TreeWalk(const std::wstring& root, const char* operation, Unlistable u
     if (root_.empty() || verbatimRoot_.empty()) {
         throw FileSystemError(GetLastError(), operation_);
     }
-    Enter(PlatformPath(root), Level());
+    Enter(PlatformPath(WithoutTrailingSeparators(root)), Level());
 }
 
 bool TreeWalk::Next() {

@@ -31,6 +31,10 @@ EntryKind KindOf(const std::wstring& path);
 /// True for "\\" and "/".
 bool IsPathSeparator(wchar_t character);
 
+/// The path without the separators at its end, behind which the platform looks through a link instead of at
+/// it. A root keeps its own: "\", "C:\".
+std::wstring WithoutTrailingSeparators(std::wstring path);
+
 /// The path as the platform calls take it: as it stands or, when it is too long for that, as an
 /// absolute path with the prefix "\\?\" (as it stands all the same when the platform cannot make it
 /// absolute). path: absolute or relative, either separator.

@@ -70,6 +70,30 @@ TEST_F(TreeWalkTest, ARootThatEndsInADotOrABlankIsTheFolderThatThePlatformReads)
     }
 }
 
+// Behind a trailing separator the platform would open what a link leads to.
+TEST_F(TreeWalkTest, TheRootIsOpenedAsItselfWhateverSeparatorsStandBehindIt) {
+    const std::wstring folder = tree_.Folder(L"a");
+    std::vector<std::wstring> opened;
+    DWORD flags = 0;
+    CORVI_HOOK(hooks_, CreateFileW,
+               [&](LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security, DWORD disposition,
+                   DWORD flag, HANDLE model) -> HANDLE {
+                   opened.emplace_back(path);
+                   flags = flag;
+                   return CORVI_ORIGINAL(hooks_, CreateFileW)(path, access, share, security, disposition,
+                                                              flag, model);
+               });
+    for (const wchar_t* end : {L"", L"\\", L"/", L"\\\\"}) {
+        opened.clear();
+        Visited(folder + end);
+        EXPECT_THAT(opened, ElementsAre(folder)) << end;
+        EXPECT_NE(flags & FILE_FLAG_OPEN_REPARSE_POINT, 0U);
+    }
+    opened.clear();
+    TreeWalk(L"C:\\", "walk", TreeWalk::Unlistable::EndsWalk);
+    EXPECT_THAT(opened, ElementsAre(L"C:\\"));
+}
+
 TEST_F(TreeWalkTest, ABareDriveIsItsCurrentFolderAndNotItsRoot) {
     wchar_t before[MAX_PATH] = {};
     GetCurrentDirectoryW(MAX_PATH, before);
