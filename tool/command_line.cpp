@@ -15,12 +15,7 @@ namespace {
 
 using AddVerbFunction = void (*)(CLI::App&, Work&);
 constexpr AddVerbFunction kVerbs[] = {
-    AddListVerb,
-    AddIncludeVerb,
-    AddPlanVerb,
-    AddRunVerb,
-    AddCheckVerb,
-    AddExplainVerb,
+    AddListVerb, AddIncludeVerb, AddPlanVerb, AddRunVerb, AddCheckVerb, AddExplainVerb,
 };
 
 constexpr std::size_t kOptionColumns = 24;
