@@ -1,5 +1,5 @@
 # The front door. Every target sets up what it needs first; 'make help' lists them.
-.PHONY: help setup build clang debug demo test check bench dist sign windows-kit clean
+.PHONY: help setup build clang debug demo test mutants check bench dist sign windows-kit clean
 .DEFAULT_GOAL := help
 
 # The sources stay clean: no compiled scripts beside them.
@@ -41,6 +41,9 @@ demo: build ## install a real package through the library and show the installer
 test: setup-test build/release/CMakeCache.txt ## build and run every test
 	@cmake --build --preset release -j $(JOBS)
 	@ctest --preset release -j $(JOBS)
+
+mutants: setup-test ## plant faults in copies of the sources, one at a time, and see which the tests catch: [MUTANTS="--count 60"]
+	@python3 scripts/mutants.py --jobs $(JOBS) $(MUTANTS)
 
 check: setup-check build ## format, lint, static analysis, folder floors, size budget, names and texts
 	@sh scripts/check.sh

@@ -11,12 +11,14 @@ add_custom_command(OUTPUT ${CORVI_STAGE}/Corvi_CA.dll
 add_custom_target(stage_library ALL DEPENDS ${CORVI_STAGE}/Corvi_CA.dll)
 add_custom_target(stage DEPENDS stage_library)
 
-add_custom_command(OUTPUT ${CORVI_STAGE}/corvi.exe
-  COMMAND ${CMAKE_COMMAND} -E copy_if_different
-          ${CORVI_OUTPUT_DIRECTORY}/corvi.exe ${CORVI_STAGE}/corvi.exe
-  DEPENDS corvi ${CORVI_OUTPUT_DIRECTORY}/corvi.exe VERBATIM)
-add_custom_target(stage_tool ALL DEPENDS ${CORVI_STAGE}/corvi.exe)
-add_dependencies(stage stage_tool)
+if(CORVI_BUILD_TOOL)
+  add_custom_command(OUTPUT ${CORVI_STAGE}/corvi.exe
+    COMMAND ${CMAKE_COMMAND} -E copy_if_different
+            ${CORVI_OUTPUT_DIRECTORY}/corvi.exe ${CORVI_STAGE}/corvi.exe
+    DEPENDS corvi ${CORVI_OUTPUT_DIRECTORY}/corvi.exe VERBATIM)
+  add_custom_target(stage_tool ALL DEPENDS ${CORVI_STAGE}/corvi.exe)
+  add_dependencies(stage stage_tool)
+endif()
 
 # corvi_add_fixture(NAME SOURCE...): a helper program that the tests find as C:\corvi\NAME.exe.
 function(corvi_add_fixture name)

@@ -345,7 +345,8 @@ TEST(EnvironmentBroadcast, ReachesRealWindowsPastOneThatHangsWithinItsBound) {
     ASSERT_TRUE(windows.Exist());
 
     StoreText(kEnvironment, kPath, L"C:\\windows");
-    EXPECT_LT(RunBesideForeignWindows(library), std::chrono::seconds(5));
+    // Without its bound the broadcast would wait for ever; a busy machine may take its time.
+    EXPECT_LT(RunBesideForeignWindows(library), std::chrono::seconds(60));
     const auto reached = testing::UnorderedElementsAre("first Environment", "last Environment");
     EXPECT_THAT(windows.SettingChanges(), reached);
 
