@@ -26,7 +26,7 @@ ShortProperty ReadShortProperty(MSIHANDLE session, const wchar_t* name, size_t c
     auto size = static_cast<DWORD>(capacity);
     const UINT status = MsiGetPropertyW(session, name, value.data(), &size);
     value.back() = L'\0';
-    return {status == ERROR_SUCCESS, value.data()};
+    return {status == ERROR_SUCCESS, std::wstring(value.data())};
 }
 
 std::wstring ReadActionData(MSIHANDLE session) {

@@ -58,7 +58,7 @@ std::wstring VerbatimPath(const std::wstring& path) {
     }
     const std::wstring full = FullPath(path);
     if (full.empty()) {
-        return full;
+        return {};
     }
     return full.compare(0, 2, L"\\\\") == 0 ? L"\\\\?\\UNC" + full.substr(1) : L"\\\\?\\" + full;
 }

@@ -29,7 +29,8 @@ constexpr wchar_t kRecordingServerImage[] = L"TAVOLSServ.exe";
 
 // The key is closed again before anything is started.
 std::wstring ReadLocation(const std::wstring& keyPath, REGSAM access) {
-    return RegKey::Open(HKEY_LOCAL_MACHINE, keyPath, access).GetString(L"", kLocationValue, Unreadable::Throws);
+    return RegKey::Open(HKEY_LOCAL_MACHINE, keyPath, access)
+        .GetString(L"", kLocationValue, Unreadable::Throws);
 }
 
 // Asks an application to exit through its command tool, without waiting. toolExists: how the tool's

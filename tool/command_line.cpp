@@ -15,12 +15,7 @@ namespace {
 
 using AddVerbFunction = void (*)(CLI::App&, Work&);
 constexpr AddVerbFunction kVerbs[] = {
-    AddListVerb,
-    AddIncludeVerb,
-    AddPlanVerb,
-    AddRunVerb,
-    AddCheckVerb,
-    AddExplainVerb,
+    AddListVerb, AddIncludeVerb, AddPlanVerb, AddRunVerb, AddCheckVerb, AddExplainVerb,
 };
 
 constexpr std::size_t kOptionColumns = 24;
@@ -176,7 +171,8 @@ std::wstring LibraryPath(const std::string& dll) {
         wchar_t program[MAX_PATH] = {};
         GetModuleFileNameW(nullptr, program, MAX_PATH - 1);
         path = program;
-        path = path.substr(0, path.find_last_of(L'\\') + 1) + L"Corvi_CA.dll";
+        path.resize(path.find_last_of(L'\\') + 1);
+        path += L"Corvi_CA.dll";
     }
     wchar_t* file = nullptr;
     const DWORD size = GetFullPathNameW(path.c_str(), 0, nullptr, nullptr);

@@ -19,7 +19,8 @@ constexpr const wchar_t* kOwnFiles[] = {
     L"C:\\corvi\\components.txt",
 };
 /// Programs that come and go by themselves: the tool, its console, the platform's helpers.
-constexpr const wchar_t* kOwnProcesses[] = {L"corvi.exe", L"conhost.exe", L"plugplay.exe"};
+constexpr const wchar_t* kOwnProcesses[] = {L"corvi.exe", L"conhost.exe", L"plugplay.exe",
+                                            L"winemenubuilder.exe"};
 
 constexpr const wchar_t* kClassesNotRead[] = {
     L"HKLM\\Software\\Classes\\Interface",
