@@ -22,7 +22,8 @@ step() {
 sources() {
   git ls-files -c -o --exclude-standard -- "$@" | grep -E '\.(cpp|h)$' | grep -v '\.in$'
 }
-product_folders="runtime services msiregistry tasks components actions tool"
+library_folders="runtime services msiregistry tasks components actions"
+product_folders="$library_folders tool"
 
 format() {
   sources . | tr '\n' '\0' | xargs -0 clang-format --dry-run -Werror || {
@@ -32,11 +33,11 @@ format() {
 }
 
 tidy() {
-  # What ships and what every test stands on: the test programs themselves are held by the compiler's
-  # warnings, for the analyser needs minutes for each of them. clang needs to be told of the cross
-  # compiler's target and headers.
+  # What runs in installs and what every test stands on. The test programs and the tool are held by the compiler's
+  # warnings (the tool by cppcheck too): their libraries' headers cost the analyser minutes for each file. clang
+  # needs to be told of the cross compiler's target and headers.
   include=$(x86_64-w64-mingw32-g++-win32 -print-file-name=include)/c++
-  sources $product_folders tests/support | grep '\.cpp$' | tr '\n' '\0' |
+  sources $library_folders tests/support | grep '\.cpp$' | tr '\n' '\0' |
     xargs -0 -n 2 -P "$(nproc)" clang-tidy --quiet -p build/release \
       --extra-arg-before=--target=x86_64-w64-mingw32 \
       --extra-arg=-nostdinc++ \
