@@ -19,9 +19,9 @@
 namespace corvi::tool::plan {
 namespace {
 
-/// A deletion is tried out on as many files of each plan, by opening them for it: somebody may hold them.
-/// More would make the plan of a large folder many times as slow as listing it. Programs and libraries in
-/// use are found among any number of files.
+/// A deletion is tried out on as many files and folders of each plan, by opening them for it: somebody may
+/// hold them. More would make the plan of a large folder many times as slow as listing it. Programs and
+/// libraries in use are found among any number of files.
 constexpr unsigned kTriedOut = 200;
 
 enum class Presence {
@@ -949,8 +949,7 @@ BOOL WINAPI RemoveFolder(LPCWSTR path) {
     if (!isLink && CountEntries(place, seen) != 0) {
         return Refuse(ERROR_DIR_NOT_EMPTY, FALSE);
     }
-    if (const DWORD error = seen.realPath.empty() ? ERROR_SUCCESS : TryOut(seen.realPath);
-        error != ERROR_SUCCESS) {
+    if (const DWORD error = DeletionError(place, seen); error != ERROR_SUCCESS) {
         return Refuse(error, FALSE);
     }
     NoteGone(place, seen.attributes);
