@@ -13,6 +13,7 @@
 #include "runtime/action_policy.h"
 #include "runtime/filesystem.h"
 #include "runtime/installer_log.h"
+#include "runtime/known_paths.h"
 #include "runtime/process.h"
 #include "runtime/registry.h"
 #include "runtime/session.h"
@@ -65,15 +66,9 @@ struct DeviceListTraits {
 };
 using DeviceList = UniqueHandle<DeviceListTraits>;
 
-std::wstring TemporaryFolder() {
-    wchar_t folder[kLogPathCapacity] = {};
-    const DWORD length = GetTempPathW(ARRAYSIZE(folder), folder);
-    return length < ARRAYSIZE(folder) ? folder : L"";
-}
-
 // Makes the folder of the diagnostic log and gives the path of the file.
 std::wstring PrepareLogFile() {
-    const std::wstring temporary = TemporaryFolder();
+    const std::wstring temporary = GetTemporaryDirectory(kLogPathCapacity);
     const std::wstring folder = FormatBounded(kLogPathCapacity, kLogFolderFormat, temporary.c_str());
     SHCreateDirectoryExW(nullptr, folder.c_str(), nullptr);
     return FormatBounded(kLogPathCapacity, kLogFileFormat, temporary.c_str());

@@ -5,6 +5,8 @@
 #include <shlobj.h>
 #include <wrl/client.h>
 
+#include <vector>
+
 #include "runtime/unique_handle.h"
 
 namespace corvi {
@@ -55,10 +57,10 @@ std::wstring GetWindowsDriveRoot() {
     return separator == std::wstring::npos ? directory : directory.substr(0, separator + 1);
 }
 
-std::wstring GetTemporaryDirectory() {
-    wchar_t directory[MAX_PATH] = {};
-    const DWORD length = GetTempPathW(MAX_PATH, directory);
-    return length == 0 || length >= MAX_PATH ? std::wstring() : std::wstring(directory);
+std::wstring GetTemporaryDirectory(size_t capacity) {
+    std::vector<wchar_t> directory(capacity, L'\0');
+    const DWORD length = GetTempPathW(static_cast<DWORD>(capacity), directory.data());
+    return length == 0 || length >= capacity ? std::wstring() : std::wstring(directory.data());
 }
 
 }  // namespace corvi

@@ -20,8 +20,8 @@ std::wstring GetWindowsFolder();
 /// without a backslash is given whole; empty when the platform does not give the directory.
 std::wstring GetWindowsDriveRoot();
 
-/// The directory for temporary files as the platform gives it, with its trailing backslash (buffer of
-/// 260 characters); empty when the platform does not give it. Stands on GetTempPathW.
-std::wstring GetTemporaryDirectory();
+/// The directory for temporary files as the platform gives it, with its trailing backslash; empty when the
+/// platform does not give it, or not in a buffer of capacity characters. Stands on GetTempPathW.
+std::wstring GetTemporaryDirectory(size_t capacity = 260);
 
 }  // namespace corvi

@@ -203,6 +203,17 @@ TEST(RemoveOne, RemovesALinkItselfAndNeverItsTarget) {
     EXPECT_TRUE(tree.Exists(L"target\\file.txt"));
 }
 
+TEST(OpenHandleCount, SeesEveryHandleThatIsOpenedAndClosed) {
+    const unsigned long before = OpenHandleCount();
+    const HANDLE first = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    const HANDLE second = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    EXPECT_EQ(OpenHandleCount(), before + 2);
+    CloseHandle(first);
+    EXPECT_EQ(OpenHandleCount(), before + 1);
+    CloseHandle(second);
+    EXPECT_EQ(OpenHandleCount(), before);
+}
+
 TEST(Primitives, LeakNoHandles) {
     const FileTree tree;
     tree.File(L"one\\file.txt");

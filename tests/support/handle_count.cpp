@@ -4,6 +4,7 @@
 
 #include <winternl.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <stdexcept>
 #include <vector>
@@ -11,44 +12,54 @@
 namespace corvi::test {
 namespace {
 
-// GetProcessHandleCount answers 0 for every process on Wine; the list of all processes is right there.
-std::vector<std::byte> ReadProcessList() {
-    using Query = NTSTATUS(WINAPI*)(SYSTEM_INFORMATION_CLASS, PVOID, ULONG, PULONG);
+// The list of all handles of all processes. On Wine GetProcessHandleCount answers 0, and the list of
+// processes has the size of each handle table, which a few leaks do not change: the handles are counted one
+// by one.
+constexpr ULONG kExtendedHandles = 64;
+
+struct HandleEntry {
+    void* object;
+    ULONG_PTR process;
+    ULONG_PTR handle;
+    ULONG access;
+    USHORT trace;
+    USHORT type;
+    ULONG attributes;
+    ULONG reserved;
+};
+struct HandleList {
+    ULONG_PTR count;
+    ULONG_PTR reserved;
+};
+
+std::vector<std::byte> ReadHandleList() {
+    using Query = NTSTATUS(WINAPI*)(ULONG, PVOID, ULONG, PULONG);
     const auto query = reinterpret_cast<Query>(
         reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll"), "NtQuerySystemInformation")));
-    std::vector<std::byte> list(size_t{64} * 1024);
-    for (;;) {
+    constexpr size_t kLargest = size_t{256} * 1024 * 1024;
+    for (size_t size = size_t{256} * 1024; size <= kLargest; size *= 2) {
+        std::vector<std::byte> list(size);
         ULONG needed = 0;
-        const NTSTATUS status =
-            query(SystemProcessInformation, list.data(), static_cast<ULONG>(list.size()), &needed);
-        if (status >= 0) {
+        if (query(kExtendedHandles, list.data(), static_cast<ULONG>(list.size()), &needed) >= 0) {
             return list;
         }
-        if (needed <= list.size()) {
-            throw std::runtime_error("the list of processes cannot be read");
-        }
-        list.resize(needed * size_t{2});
     }
+    throw std::runtime_error("the list of handles cannot be read");
 }
 
 }  // namespace
 
 unsigned long OpenHandleCount() {
-    const std::vector<std::byte> list = ReadProcessList();
+    const std::vector<std::byte> list = ReadHandleList();
+    const auto* const head = reinterpret_cast<const HandleList*>(list.data());
+    const auto* const first = reinterpret_cast<const HandleEntry*>(list.data() + sizeof(HandleList));
     const auto self = static_cast<ULONG_PTR>(GetCurrentProcessId());
-    for (size_t offset = 0;;) {
-        const auto* const entry = reinterpret_cast<const SYSTEM_PROCESS_INFORMATION*>(list.data() + offset);
-        if (reinterpret_cast<ULONG_PTR>(entry->UniqueProcessId) == self) {
-            if (entry->HandleCount == 0) {
-                throw std::runtime_error("the platform does not count handles");
-            }
-            return entry->HandleCount;
-        }
-        if (entry->NextEntryOffset == 0) {
-            throw std::runtime_error("this process is not in the list of processes");
-        }
-        offset += entry->NextEntryOffset;
+    const auto count = std::count_if(first, first + head->count,
+                                     [self](const HandleEntry& entry) { return entry.process == self; });
+    if (count == 0) {
+        throw std::runtime_error("the platform does not list handles");
     }
+    return static_cast<unsigned long>(count);
 }
 
 }  // namespace corvi::test
