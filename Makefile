@@ -1,5 +1,5 @@
 # The front door. Every target sets up what it needs first; 'make help' lists them.
-.PHONY: help setup build clang debug demo test mutants check bench dist sign windows-kit clean
+.PHONY: help setup build clang debug demo test mutants check bench dist sign windows-kit sweep clean
 .DEFAULT_GOAL := help
 
 # The sources stay clean: no compiled scripts beside them.
@@ -59,6 +59,10 @@ dist: setup-dist build ## the release archive: build/corvi-VERSION.zip
 sign: setup-sign build ## sign the DLL and the tool: make sign CERT=chain.pem KEY=key.pem [TIMESTAMP=URL] [CA=roots.pem]
 	@CERT="$(CERT)" KEY="$(KEY)" TIMESTAMP="$(TIMESTAMP)" CA="$(CA)" PKCS11_MODULE="$(PKCS11_MODULE)" \
 	  sh scripts/sign.sh build/Corvi_CA.dll build/corvi.exe
+
+sweep: setup-build build/release/CMakeCache.txt ## every fault of the fault sweep, not only the sample of 'make test'
+	@cmake --build --preset release --target fault_sweep_test -j $(JOBS)
+	@CORVI_FAULTS_ONE_OF=1 ctest --preset release -R fault_sweep_test -V
 
 windows-kit: setup-build build/release/CMakeCache.txt ## the tests for a real Windows machine: build/corvi-windows-kit-VERSION.zip
 	@cmake --build --preset release -j $(JOBS)

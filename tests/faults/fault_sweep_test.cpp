@@ -1,0 +1,123 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <ostream>
+#include <set>
+#include <string>
+
+#include "tests/faults/platform_watch.h"
+#include "tests/faults/scenarios.h"
+#include "tests/faults/sweep.h"
+#include "tests/support/library.h"
+#include "tool/action_facts.h"
+#include "tool/interception.h"
+
+namespace corvi::test {
+namespace {
+
+// One fault of so many in every run of the suite; make sweep asks for all.
+constexpr size_t kSample = 4;
+
+size_t Number(const char* variable, size_t otherwise) {
+    const char* const text = std::getenv(variable);
+    return text != nullptr && *text != '\0' ? std::strtoul(text, nullptr, 10) : otherwise;
+}
+
+// Not a test: what the sweep starts as a child of itself.
+TEST(DISABLED_FaultSweepChild, Works) { WorkAsChild(); }
+
+TEST(FaultSweep, NoFaultLosesLeaksOrWidensAnything) {
+    SweepOrder order;
+    order.oneOf = Number("CORVI_FAULTS_ONE_OF", kSample);
+    order.shard = Number("CORVI_FAULTS_SHARD", 0);
+    order.shards = Number("CORVI_FAULTS_SHARDS", 1);
+    if (const char* const only = std::getenv("CORVI_FAULTS_SCENARIO")) {
+        order.scenario = only;
+    }
+    const SweepOutcome outcome = RunSweep(order);
+    for (const std::string& line : outcome.summary) {
+        std::printf("%s\n", line.c_str());
+    }
+    std::printf("fault sweep: %zu faults in %zu scenarios, %zu findings\n", outcome.faults, outcome.scenarios,
+                outcome.findings.size());
+    for (const std::string& finding : outcome.findings) {
+        ADD_FAILURE() << finding;
+    }
+    EXPECT_GT(outcome.faults, 0U);
+}
+
+// ---- The sweep finds what it is for
+
+struct Defect {
+    Planted planted;
+    const char* found;
+};
+
+void PrintTo(const Defect& defect, std::ostream* stream) { *stream << defect.found; }
+
+class PlantedDefect : public testing::TestWithParam<Defect> {};
+
+TEST_P(PlantedDefect, IsFoundInTheFaults) {
+    SweepOrder order;
+    order.scenario = "DeleteHXNoUpgrade";
+    order.planted = GetParam().planted;
+    const SweepOutcome outcome = RunSweep(order);
+    EXPECT_GT(outcome.faults, 3U);
+    const auto found = std::count_if(
+        outcome.findings.begin(), outcome.findings.end(),
+        [](const std::string& finding) { return finding.find(GetParam().found) != std::string::npos; });
+    // A fault that lets a registry error out has no result to look at.
+    EXPECT_GE(static_cast<size_t>(found) + 2, outcome.faults);
+}
+
+INSTANTIATE_TEST_SUITE_P(FaultSweep, PlantedDefect,
+                         testing::Values(Defect{Planted::Leak, "left open: key planted"},
+                                         Defect{Planted::WiderDeletion, "touched without need: delete C:"},
+                                         Defect{Planted::UnlistedResult, "does not list: 4711"},
+                                         Defect{Planted::StrayLine, "does not list: nobody knows"},
+                                         Defect{Planted::StrayError, "an error leaves the action"}));
+
+// These end the child: one fault of the scenario is enough.
+class PlantedEnd : public testing::TestWithParam<Defect> {};
+
+TEST_P(PlantedEnd, IsFoundAndTheNextFaultIsTried) {
+    SweepOrder order;
+    order.scenario = "DeleteQELKey";
+    order.planted = GetParam().planted;
+    const SweepOutcome outcome = RunSweep(order);
+    EXPECT_EQ(outcome.faults, 2U);
+    ASSERT_EQ(outcome.findings.size(), 2U);
+    EXPECT_NE(outcome.findings[1].find(GetParam().found), std::string::npos) << outcome.findings[1];
+}
+
+INSTANTIATE_TEST_SUITE_P(FaultSweep, PlantedEnd,
+                         testing::Values(Defect{Planted::ProcessEnd, "the process ends, code 5"},
+                                         Defect{Planted::Endless, "the process ends, code 77"}));
+
+// ---- Nothing is left out
+
+TEST(FaultSweepScenarios, EveryActionHasOne) {
+    std::set<std::string> covered;
+    for (const Scenario& scenario : AllScenarios()) {
+        covered.insert(scenario.action);
+    }
+    for (const tool::ActionFacts& action : tool::AllActions()) {
+        EXPECT_EQ(covered.count(action.name), 1U) << action.name;
+    }
+}
+
+TEST(FaultSweepImports, EachIsWatchedOrLeftAloneForAReason) {
+    const Library library;
+    std::set<std::string> known(WatchedFunctions().begin(), WatchedFunctions().end());
+    for (const auto& [function, reason] : LeftAlone()) {
+        EXPECT_TRUE(known.insert(function).second) << function << " is in both lists";
+    }
+    for (const tool::Import& import : tool::ListImports(library.Module())) {
+        EXPECT_EQ(known.count(import.function), 1U) << import.function;
+    }
+}
+
+}  // namespace
+}  // namespace corvi::test

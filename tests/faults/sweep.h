@@ -1,0 +1,46 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tests/faults/scenarios.h"
+
+namespace corvi::test {
+
+/// What a fault is made to do beside failing one call: a defect as the product might have it. Each must be
+/// found.
+enum class Planted {
+    Nothing,
+    Leak,
+    WiderDeletion,
+    UnlistedResult,
+    StrayLine,
+    StrayError,
+    ProcessEnd,
+    Endless
+};
+
+struct SweepOrder {
+    std::string scenario;  ///< empty: all
+    size_t shard = 0;      ///< this one of
+    size_t shards = 1;     ///< so many parts of the scenarios
+    /// Of so many faults one is taken, by a fixed seed; 1: all.
+    size_t oneOf = 1;
+    Planted planted = Planted::Nothing;
+};
+
+struct SweepOutcome {
+    size_t scenarios = 0;
+    size_t faults = 0;
+    std::vector<std::string> findings;
+    std::vector<std::string> summary;  ///< one line for each scenario
+};
+
+/// Runs the scenarios in child processes of this program; one that ends or hangs is a finding, and the next
+/// child goes on behind the fault.
+SweepOutcome RunSweep(const SweepOrder& order);
+
+/// The child's part: works off what the environment says, and writes down each step.
+void WorkAsChild();
+
+}  // namespace corvi::test
