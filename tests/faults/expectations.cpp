@@ -64,7 +64,7 @@ const std::vector<Substitution> kSubstitutions = {
     {"CreateBenchMarkRunOnceSchTask", L"start schtasks /Create ", L"",
      "the task file's copy goes to the current folder without a temporary one"},
     {"PostInstallPPC", L"create service TUEPLauncher: ", L"",
-     "without the registered folder the launcher's path is the action data's"},
+     "the launcher's path is composed of two registered folders: what cannot be read is missing in it"},
     {"UnregisterDLL", L"start cmd.exe /C \"regsvr32.exe /u /s ", L"",
      "a Windows whose version is unknown counts as an older one: the server is unregistered"},
     {"InstallContextMenuMSIX", L"start cmd.exe /C \"\"%SYSTEMROOT%\\System32\\WindowsPowerShell\\", L"",
