@@ -18,9 +18,10 @@ constexpr const wchar_t* kOwnFiles[] = {
     L"C:\\corvi\\recorded.txt",
     L"C:\\corvi\\components.txt",
 };
-/// Programs that come and go by themselves: the tool, its console, the platform's helpers.
+/// Programs that come and go by themselves: the tool, its console, the platform's helpers; and the
+/// scheduler's tool, which some actions do not wait for.
 constexpr const wchar_t* kOwnProcesses[] = {L"corvi.exe", L"conhost.exe", L"plugplay.exe",
-                                            L"winemenubuilder.exe"};
+                                            L"winemenubuilder.exe", L"schtasks.exe"};
 
 constexpr const wchar_t* kClassesNotRead[] = {
     L"HKLM\\Software\\Classes\\Interface",
