@@ -51,4 +51,17 @@ refuses() {
 expect "tests refuse to run on a machine that is not marked" refuses
 expect "running programs gave the prefix no way out either" no_way_out
 
+# /proc/PID/personality: 0040000 says that addresses are not random.
+same_layout() {
+  setarch -R true 2>/dev/null || return 0
+  (cd "$WINEPREFIX/drive_c/corvi" && exec wine 'C:\corvi\sleeper.exe') >/dev/null 2>&1 &
+  for _ in $(seq 100); do
+    case $(cat "/proc/$!/personality") in *4????) kill "$!"; return 0 ;; esac
+    sleep 0.1
+  done
+  kill "$!"
+  return 1
+}
+expect "where the machine permits it, every program is laid out the same way" same_layout
+
 exit "$failures"

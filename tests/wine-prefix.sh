@@ -17,6 +17,8 @@ corvi_new_prefix() {
   export WINEPREFIX WINEARCH=win64 WINEDEBUG=-all TZ="${CORVI_TZ:-UTC0}"
   export WINEDLLOVERRIDES='mscoree,mshtml=;winedbg.exe=d'
   unset DISPLAY || true
+  # The template's loader, which lays out each program's memory the same way.
+  [ ! -d "$template/loader" ] || PATH="$(cd "$template/loader" && pwd):$PATH"
   mkdir "$WINEPREFIX/drive_c" "$WINEPREFIX/dosdevices"
   cp -a "$template"/*.reg "$template/.update-timestamp" "$WINEPREFIX/"
   # Hard links for the Windows directory only: the registry files are written in place.

@@ -25,7 +25,21 @@ fail() {
   exit 1
 }
 command -v wine >/dev/null 2>&1 || fail "wine is not installed; run 'make setup'"
-timeout -k 5 180 wineboot -i >/dev/null 2>&1 || fail "wineboot failed"
+
+# Linux lays out a program's memory at random, and Debian's loader then has, once in some thousand starts, its
+# heap where Windows programs find the system's shared page (7FFE0000): such a start fails (1359). The template
+# has a loader of its own that lays out the same way each time, where the machine permits that.
+wine=$(command -v wine)
+mkdir "$template/loader"
+if setarch -R true 2>/dev/null; then
+  printf '#!/bin/sh\nexec setarch -R "%s" "$@"\n' "$wine" >"$template/loader/wine"
+else
+  printf '#!/bin/sh\nexec "%s" "$@"\n' "$wine" >"$template/loader/wine"
+fi
+chmod +x "$template/loader/wine"
+PATH="$template/loader:$PATH"
+
+timeout -k 5 180 wine wineboot -i >/dev/null 2>&1 || fail "wineboot failed"
 set_value() {
   timeout -k 5 60 wine reg add "$1" /v "$2" /t "$3" /d "$4" /f >/dev/null 2>&1 || fail "cannot write $1 $2"
 }
