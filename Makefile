@@ -1,5 +1,5 @@
 # The front door. Every target sets up what it needs first; 'make help' lists them.
-.PHONY: help setup build clang debug demo test mutants check bench dist sign windows-kit sweep clean
+.PHONY: help setup build clang portability debug demo test mutants check bench dist sign windows-kit sweep clean
 .DEFAULT_GOAL := help
 
 # The sources stay clean: no compiled scripts beside them.
@@ -29,6 +29,9 @@ clang: setup-clang build/release/CMakeCache.txt ## compile the library with clan
 	@cmake --build --preset release -j $(JOBS)
 	@CORVI_LIBRARY="$(CURDIR)/build/clang/Corvi_CA.dll" \
 	  ctest --preset release -j $(JOBS) -E 'package_test|release_test|symbols_test|lists_test|texts_test|stability_test'
+
+portability: setup-portability build/release/CMakeCache.txt ## read the library's sources as Visual C++'s dialect, with clang in Microsoft mode
+	@sh scripts/portability.sh
 
 debug: setup-build ## a build for the debugger: build/debug/Corvi_CA.dll
 	@cmake --preset debug >/dev/null

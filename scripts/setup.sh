@@ -1,6 +1,6 @@
 #!/bin/sh
 # Installs what a target needs and this machine lacks: Debian's own packages, as root or through sudo. Says
-# nothing when nothing is missing. usage: setup.sh [build] [test] [check] [clang] [dist] [sign]   (default: all)
+# nothing when nothing is missing. usage: setup.sh [build] [test] [check] [clang] [portability] [dist] [sign]   (default: all)
 set -eu
 
 # What each kind of work needs: the build and the demonstration; then what the others need beside it.
@@ -13,16 +13,17 @@ wine wine64
 wixl msitools"
 packages_check="clang-format clang-tidy cppcheck"
 packages_clang="clang"
+packages_portability="clang-19 libc++-19-dev libwine-dev"
 packages_dist="pandoc"
 packages_sign="osslsigncode openssl ca-certificates"
 # The tests build a release archive and sign with a certificate of their own.
 packages_test="$packages_dist $packages_sign"
 
 packages=
-for group in "${@:-build check clang dist sign test}"; do
+for group in "${@:-build check clang portability dist sign test}"; do
   for name in $group; do
     case $name in
-      build | check | clang | dist | sign | test) eval "packages=\"\$packages \$packages_$name\"" ;;
+      build | check | clang | portability | dist | sign | test) eval "packages=\"\$packages \$packages_$name\"" ;;
       *) echo "setup: no such kind of work: $name" >&2; exit 2 ;;
     esac
   done
