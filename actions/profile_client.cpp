@@ -25,6 +25,7 @@
 #include "runtime/registry_walk.h"
 #include "runtime/session.h"
 #include "runtime/text.h"
+#include "runtime/tree_walk.h"
 #include "services/service_control.h"
 #include "services/service_registration.h"
 #include "tasks/task_registration.h"
@@ -219,10 +220,7 @@ std::wstring FinalPath(const FileHandle& directory) {
 /// base: any user may have planted one there, to have another folder opened to all users.
 bool IsReachedWithoutLink(const FileHandle& directory, const std::wstring& base,
                           const std::wstring& subfolder) {
-    BY_HANDLE_FILE_INFORMATION information = {};
-    if (GetFileInformationByHandle(directory.Get(), &information) == FALSE ||
-        (information.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0 ||
-        (information.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
+    if (!IsRealFolder(KindOf(directory))) {
         return false;
     }
     const FileHandle baseDirectory(CreateFileW(base.c_str(), 0,

@@ -112,6 +112,15 @@ EntryKind KindOf(const std::wstring& path) {
     return kind;
 }
 
+EntryKind KindOf(const FileHandle& entry) {
+    BY_HANDLE_FILE_INFORMATION information = {};
+    if (GetFileInformationByHandle(entry.Get(), &information) == FALSE) {
+        return {};
+    }
+    return {information.dwFileAttributes,
+            IsReparsePoint(information.dwFileAttributes) ? ReparseTag(entry) : 0};
+}
+
 std::wstring WithoutTrailingSeparators(std::wstring path) {
     while (path.size() > 1 && IsPathSeparator(path.back()) && path[path.size() - 2] != L':') {
         path.pop_back();
@@ -180,19 +189,13 @@ void TreeWalk::Show(const Level& level, const Entry& entry) {
 
 void TreeWalk::Enter(const std::wstring& folder, Level level) {
     level.folder = OpenEntry(folder, FILE_LIST_DIRECTORY, FILE_SHARE_READ | FILE_SHARE_WRITE);
-    BY_HANDLE_FILE_INFORMATION information = {};
-    if (!level.folder || GetFileInformationByHandle(level.folder.Get(), &information) == FALSE) {
+    const EntryKind kind = level.folder ? KindOf(level.folder) : EntryKind();
+    if (kind.attributes == INVALID_FILE_ATTRIBUTES) {
         EndUnlessEmpty(GetLastError());
-    } else {
-        EntryKind kind = {information.dwFileAttributes, 0};
-        if (IsReparsePoint(kind.attributes)) {
-            kind.reparseTag = ReparseTag(level.folder);
-        }
-        if (IsRealFolder(kind)) {
-            ListEntries(level);
-        } else if (!IsLink(kind)) {
-            throw FileSystemError(ERROR_DIRECTORY, operation_);
-        }
+    } else if (IsRealFolder(kind)) {
+        ListEntries(level);
+    } else if (!IsLink(kind)) {
+        throw FileSystemError(ERROR_DIRECTORY, operation_);
     }
     levels_.push_back(std::move(level));
 }

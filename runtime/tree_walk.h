@@ -28,6 +28,10 @@ bool IsRealFolder(const EntryKind& kind);
 /// through a link. Stands on GetFileAttributesW.
 EntryKind KindOf(const std::wstring& path);
 
+/// What an open handle stands for; attributes INVALID_FILE_ATTRIBUTES and GetLastError when the platform does
+/// not tell it. Stands on GetFileInformationByHandle.
+EntryKind KindOf(const FileHandle& entry);
+
 /// True for "\\" and "/".
 bool IsPathSeparator(wchar_t character);
 

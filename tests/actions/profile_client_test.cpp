@@ -603,6 +603,32 @@ TEST_F(PostInstallPpcAccess, LeavesAPlantedLinkAlone) {
     EXPECT_THAT(written, IsEmpty());
 }
 
+TEST_F(PostInstallPpcAccess, GrantsAFolderWhoseReparsePointIsNoLink) {
+    DWORD tag = 0;
+    CORVI_HOOK(journal.Hooks(), GetFileInformationByHandle,
+               [](HANDLE, LPBY_HANDLE_FILE_INFORMATION information) -> BOOL {
+                   *information = {};
+                   information->dwFileAttributes = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT;
+                   return TRUE;
+               });
+    CORVI_HOOK(journal.Hooks(), GetFileInformationByHandleEx,
+               [&](HANDLE object, FILE_INFO_BY_HANDLE_CLASS kind, LPVOID data, DWORD size) -> BOOL {
+                   if (kind != FileAttributeTagInfo) {
+                       return CORVI_ORIGINAL(journal.Hooks(), GetFileInformationByHandleEx)(object, kind,
+                                                                                            data, size);
+                   }
+                   *static_cast<FILE_ATTRIBUTE_TAG_INFO*>(data) = {FILE_ATTRIBUTE_REPARSE_POINT, tag};
+                   return TRUE;
+               });
+    tag = IO_REPARSE_TAG_MOUNT_POINT;
+    EXPECT_EQ(PostInstall(), 0U);
+    EXPECT_THAT(written, IsEmpty());
+    // A folder of a container's layer.
+    tag = 0x90001018;
+    EXPECT_EQ(PostInstall(), 0U);
+    EXPECT_EQ(written.size(), 1U);
+}
+
 TEST_F(PostInstallPpcAccess, LeavesTheTargetOfAPlantedLinkAlone) {
     CORVI_HOOK(journal.Hooks(), GetFinalPathNameByHandleW,
                [&](HANDLE object, LPWSTR path, DWORD size, DWORD flags) -> DWORD {
