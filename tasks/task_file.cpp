@@ -5,6 +5,7 @@
 
 #include <ctime>
 #include <functional>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -233,19 +234,24 @@ HRESULT TaskFileCopy::IsAtTarget(bool& isTarget) {
 
 constexpr time_t kSecondsOfDay = 86400;
 
-tm LocalTime(time_t time) {
+std::optional<tm> LocalTime(time_t time) {
     const tm* local = std::localtime(&time);
-    return local != nullptr ? *local : tm{};
+    return local != nullptr ? std::optional(*local) : std::nullopt;
 }
 
-// The next day's midnight in standard time, also while daylight-saving time is in force.
-tm StartOfNextDay() {
-    const tm now = LocalTime(std::time(nullptr));
+// The next day's midnight in standard time, also while daylight-saving time is in force. Nothing when the
+// platform cannot tell: a day that is none must not stand in the task.
+std::optional<tm> StartOfNextDay() {
+    const auto now = LocalTime(std::time(nullptr));
+    if (!now) {
+        return std::nullopt;
+    }
     tm midnight{};
-    midnight.tm_year = now.tm_year;
-    midnight.tm_mon = now.tm_mon;
-    midnight.tm_mday = now.tm_mday;
-    return LocalTime(std::mktime(&midnight) + kSecondsOfDay);
+    midnight.tm_year = now->tm_year;
+    midnight.tm_mon = now->tm_mon;
+    midnight.tm_mday = now->tm_mday;
+    const time_t start = std::mktime(&midnight);
+    return start != -1 ? LocalTime(start + kSecondsOfDay) : std::nullopt;
 }
 
 // Kept: the numbers have no leading zeros.
@@ -265,7 +271,11 @@ HRESULT NextDayBoundary(IXmlReader& reader, std::wstring& text) {
     if (value == nullptr || *value == L'\0') {
         return E_UNEXPECTED;
     }
-    text = BoundaryText(StartOfNextDay());
+    const auto start = StartOfNextDay();
+    if (!start) {
+        return E_UNEXPECTED;
+    }
+    text = BoundaryText(*start);
     return S_OK;
 }
 

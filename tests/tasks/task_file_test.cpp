@@ -497,6 +497,42 @@ TEST_F(StartBoundary, TheHourFollowsTheSwitchOfTheDayThatItNames) {
     EXPECT_LE(switches, 6);
 }
 
+// The copy ends where the moment should stand: a day that is none never takes its place.
+class UnknownTomorrow : public StartBoundary {
+protected:
+    void ExpectNoMoment() {
+        xml_.nodes = {StartTag(L"Task"), StartTag(L"StartBoundary"), Text(L"2020-01-01T00:00:00"),
+                      EndTag(L"StartBoundary")};
+        EXPECT_EQ(RewriteStartBoundary(), E_UNEXPECTED);
+        EXPECT_EQ(printed_, "");
+        EXPECT_EQ(ReadUtf16(kDestination), L"<Task><StartBoundary>");
+    }
+
+    ImportHooks hooks_{GetModuleHandleW(nullptr)};
+};
+
+TEST_F(UnknownTomorrow, BecauseTodayIsUnknownEndsTheCopy) {
+    CORVI_HOOK(hooks_, _localtime64, [](const __time64_t*) -> tm* { return nullptr; });
+    ExpectNoMoment();
+}
+
+TEST_F(UnknownTomorrow, BecauseMidnightCannotBeReckonedEndsTheCopy) {
+    CORVI_HOOK(hooks_, _mktime64, [](tm*) -> __time64_t { return -1; });
+    ExpectNoMoment();
+}
+
+TEST_F(UnknownTomorrow, BecauseTheNextDayIsUnknownEndsTheCopy) {
+    int asked = 0;
+    tm today = {};
+    CORVI_HOOK(hooks_, _localtime64, [&](const __time64_t*) -> tm* {
+        today.tm_year = 125;
+        today.tm_mday = 7;
+        return ++asked == 1 ? &today : nullptr;
+    });
+    ExpectNoMoment();
+    EXPECT_EQ(asked, 2);
+}
+
 TEST_F(StartBoundary, AnEmptyTextIsUnexpectedAndReportedByNoMessage) {
     xml_.nodes = {StartTag(L"Task"), StartTag(L"StartBoundary"), Text(L""), EndTag(L"StartBoundary")};
     EXPECT_EQ(RewriteStartBoundary(), E_UNEXPECTED);
