@@ -66,9 +66,13 @@ struct DeviceListTraits {
 };
 using DeviceList = UniqueHandle<DeviceListTraits>;
 
-// Makes the folder of the diagnostic log and gives the path of the file.
+// Makes the folder of the diagnostic log and gives the path of the file; empty, with nothing made, when the
+// platform names no temporary folder: built on nothing, the path is one of the current folder.
 std::wstring PrepareLogFile() {
     const std::wstring temporary = GetTemporaryDirectory(kLogPathCapacity);
+    if (temporary.empty()) {
+        return {};
+    }
     const std::wstring folder = FormatBounded(kLogPathCapacity, kLogFolderFormat, temporary.c_str());
     SHCreateDirectoryExW(nullptr, folder.c_str(), nullptr);
     return FormatBounded(kLogPathCapacity, kLogFileFormat, temporary.c_str());
@@ -127,6 +131,9 @@ void PointDriverAtLogFile(const std::wstring& driverKeyName, const std::wstring&
 
 UINT PointDriversAtLogFile() {
     const std::wstring logFile = PrepareLogFile();
+    if (logFile.empty()) {
+        return ERROR_SUCCESS;
+    }
     const DeviceList devices(SetupDiGetClassDevsW(&kDisplayAdapters, nullptr, nullptr, DIGCF_PRESENT));
     if (!devices) {
         return ERROR_SUCCESS;

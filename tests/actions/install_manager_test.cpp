@@ -282,6 +282,19 @@ TEST_F(SetDCLogFileRegistryTest, ALongTemporaryFolderIsCutTo1023CharactersOfPath
     ExpectBothValues(first_, (temporary + L"TAVO\\HX\\Analytics\\qelkmdag_dce.log").substr(0, 1023));
 }
 
+TEST_F(SetDCLogFileRegistryTest, WithoutATemporaryFolderNothingIsMadeOrWritten) {
+    const Adapter adapter(L"0001", L"TAVO", kFirstDriver);
+    CORVI_HOOK(hooks_, GetTempPathW, [](DWORD, LPWSTR) -> DWORD { return 0; });
+    int made = 0;
+    CORVI_HOOK(hooks_, SHCreateDirectoryExW, [&](HWND, LPCWSTR, const SECURITY_ATTRIBUTES*) -> int {
+        ++made;
+        return ERROR_SUCCESS;
+    });
+    EXPECT_EQ(Call("SetDCLogFileRegistry"), 0U);
+    EXPECT_EQ(made, 0);
+    ExpectUntouched(first_);
+}
+
 TEST_F(SetDCLogFileRegistryTest, AsksForThePresentDisplayAdaptersAndStopsWithoutTheirList) {
     int asked = 0;
     int enumerated = 0;
