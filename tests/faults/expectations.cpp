@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <utility>
 #include <vector>
 
 #include "tool/action_facts.h"
@@ -29,70 +30,159 @@ const std::map<std::string, std::string> kLetErrorOut = {
     {"ShutDownPQRNext", "the application's location must be readable"},
 };
 
+std::string ErrorRow(const std::pair<const std::string, std::string>& row) {
+    return row.first + " lets a registry error out: " + row.second;
+}
+
 // ---- Changes in the place of others
 
-// A change that begins with prefix is allowed where the good run made one of the others with the same object.
-// An object of its own: the change as a whole, allowed for the action alone.
+// A change that the good run has not made.
 struct Substitution {
-    std::string action;  // empty: all
-    std::wstring prefix;
+    std::string action;  ///< empty: all
+    /// The change as a whole, or its beginning: then the good run made one that begins with other and goes on
+    /// in the same way.
+    std::wstring change;
     std::wstring other;
     const char* reason;
+    std::string faulty = {};  ///< allowed where this function fails; empty: any
 };
 
-const std::vector<Substitution> kSubstitutions = {
-    {"", L"delete at restart ", L"delete ", "what cannot be deleted now goes at the restart"},
-    {"", L"attributes ", L"delete ", "the read-only bit is taken off before the second try"},
-    {"", L"create key ", L"set ", "a key that cannot be opened is opened by way of creating it"},
-    // Started tools and the paths handed to them stay as they are where the platform does not name their
-    // folder.
-    {"", L"start \"\\TaskKill.exe\" ", L"", "the tool's folder cannot be named: its bare name stays"},
-    {"", L"start cmd.exe /C \"\\netsh.exe ", L"", "the tool's folder cannot be named: its bare name stays"},
-    {"", L"start cmd.exe /C \"Windows\\System32\\WindowsPowerShell\\", L"",
-     "the Windows drive cannot be named: the rest of the path stays"},
-    // Without a temporary folder a path is relative, as the reference says of these actions.
-    {"SetDCLogFileRegistry", L"make folder TAVO\\HX", L"",
-     "the log's path is relative without a temporary folder"},
-    {"SetDCLogFileRegistry", L"set HKLM\\SYSTEM\\CURRENTCONTROLSET\\CONTROL\\CLASS\\", L"",
-     "the log's path is relative without a temporary folder"},
-    {"CreateLogonSchTask", L"write ", L"",
-     "the task file's copy goes to the current folder without a temporary one"},
-    {"CreateDVRLogonSchTask", L"write ", L"",
-     "the task file's copy goes to the current folder without a temporary one"},
-    {"CreateBenchMarkRunOnceSchTask", L"write ", L"",
-     "the task file's copy goes to the current folder without a temporary one"},
-    {"CreateBenchMarkRunOnceSchTask", L"start schtasks /Create ", L"",
-     "the task file's copy goes to the current folder without a temporary one"},
-    {"PostInstallPPC", L"create service TUEPLauncher: ", L"",
-     "the launcher's path is composed of two registered folders: what cannot be read is missing in it"},
-    {"UnregisterDLL", L"start cmd.exe /C \"regsvr32.exe /u /s ", L"",
-     "a Windows whose version is unknown counts as an older one: the server is unregistered"},
-    {"InstallContextMenuMSIX", L"start cmd.exe /C \"\"%SYSTEMROOT%\\System32\\WindowsPowerShell\\", L"",
-     "the Windows drive cannot be named: the rest of the files' path stays"},
-    {"LaunchInstallProxyHX", L"start \"\\\\MOM-InstallProxy-Net4\\", L"",
-     "without action data the proxy's path begins with two separators, as the reference says"},
-    {"DeleteHXFolder", L"delete C:\\FAULTS\\ELSEWHERE", L"",
-     "without the registered location the folder of the action data counts"},
-    {"DeleteHXINSTALLDIRFolder", L"delete C:\\FAULTS\\ELSEWHERE", L"",
-     "without the registered location the folder of the action data counts"},
-    {"DeleteHXSparsePackageAssets", L"delete C:\\FAULTS\\ELSEWHERE", L"",
-     "without the registered location the folder of the action data counts"},
+constexpr char kGoesAtRestart[] = "what cannot be deleted now goes at the restart";
+constexpr char kMadeWritable[] = "the read-only bit is taken off before the second try";
+constexpr char kOpenedByCreating[] = "a key that cannot be opened is opened by way of creating it";
+constexpr char kBareTool[] =
+    "started tools keep their bare name where the platform does not name their folder";
+constexpr char kBareDrive[] = "the Windows drive cannot be named: the rest of the path stays";
+constexpr char kRelativeCopy[] =
+    "without a temporary folder the copy has only its name, and so has its task's file";
+constexpr char kFolderOfData[] = "where the registry names no folder, that of the action data counts";
+constexpr char kOtherFolderOfTuep[] =
+    "where the install manager's folder cannot be read or seen, the profile client's counts";
+constexpr char kNoFolderOfTuep[] =
+    "with neither folder to be read the launcher's path begins with its separator";
+constexpr char kOlderWindows[] =
+    "a Windows whose version, or a media source whose file cannot be examined, counts as one without";
+constexpr char kNoProxyFolder[] = "without action data the proxy's path begins with two separators";
+
+// A copy whose version cannot be read counts as older: its registration goes.
+constexpr char kVersionQuery[] = "MsiGetProductInfoW";
+constexpr char kCountsAsOlder[] = "an installed copy whose version cannot be read counts as older";
+constexpr const wchar_t* kRegistrationOfTheCopy[] = {
+    L"delete tree "
+    L"HKLM\\SOFTWARE\\MICROSOFT\\WINDOWS\\CURRENTVERSION\\UNINSTALL\\{7E570001-AAAA-4B00-8C00-000000000000}",
+    L"delete value "
+    L"HKLM\\SOFTWARE\\MICROSOFT\\WINDOWS\\CURRENTVERSION\\INSTALLER\\FOLDERS|C:\\WINDOWS\\INSTALLER\\{"
+    L"7E570001-AAAA-4B00-8C00-000000000000}\\",
+    L"delete tree "
+    L"HKLM\\SOFTWARE\\MICROSOFT\\WINDOWS\\CURRENTVERSION\\INSTALLER\\UPGRADECODES\\F479FF4120814D348BEF87FA15"
+    L"9D116D",
+    L"delete tree "
+    L"HKLM\\SOFTWARE\\MICROSOFT\\WINDOWS\\CURRENTVERSION\\INSTALLER\\USERDATA\\S-1-5-"
+    L"18\\COMPONENTS\\00000000000000000000000000000001",
+    L"delete value "
+    L"HKLM\\SOFTWARE\\MICROSOFT\\WINDOWS\\CURRENTVERSION\\INSTALLER\\USERDATA\\S-1-5-"
+    L"18\\COMPONENTS\\SHARED00000000000000000000000000|100075E7AAAA00B4C800000000000000",
+    L"delete C:\\WINDOWS\\INSTALLER\\1.MSI",
+    L"delete tree "
+    L"HKLM\\SOFTWARE\\MICROSOFT\\WINDOWS\\CURRENTVERSION\\INSTALLER\\USERDATA\\S-1-5-"
+    L"18\\PRODUCTS\\100075E7AAAA00B4C800000000000000",
+    L"delete tree HKCR\\INSTALLER\\UPGRADECODES\\F479FF4120814D348BEF87FA159D116D",
+    L"delete tree HKCR\\INSTALLER\\FEATURES\\100075E7AAAA00B4C800000000000000",
+    L"delete tree HKCR\\INSTALLER\\PRODUCTS\\100075E7AAAA00B4C800000000000000",
+    L"delete tree "
+    L"HKU\\.DEFAULT\\SOFTWARE\\MICROSOFT\\INSTALLER\\UPGRADECODES\\F479FF4120814D348BEF87FA159D116D",
+    L"delete tree HKU\\.DEFAULT\\SOFTWARE\\MICROSOFT\\INSTALLER\\FEATURES\\100075E7AAAA00B4C800000000000000",
+    L"delete tree HKU\\.DEFAULT\\SOFTWARE\\MICROSOFT\\INSTALLER\\PRODUCTS\\100075E7AAAA00B4C800000000000000",
 };
 
-bool StandsIn(const Substitution& known, const std::string& action, const std::wstring& change,
-              const std::set<std::wstring>& touched) {
-    if ((!known.action.empty() && known.action != action) || change.rfind(known.prefix, 0) != 0) {
-        return false;
-    }
-    if (known.other.empty()) {
-        return true;
-    }
-    const std::wstring object = change.substr(known.prefix.size());
-    // A value of the key counts as the key.
+const std::vector<Substitution>& AllSubstitutions() {
+    static const std::vector<Substitution> all = [] {
+        std::vector<Substitution> rows = {
+            {"", L"delete at restart ", L"delete ", kGoesAtRestart},
+            {"", L"attributes ", L"delete ", kMadeWritable},
+            {"", L"create key ", L"set ", kOpenedByCreating},
+            {"", L"start \"\\TaskKill.exe\" ", L"start \"C:\\windows\\system32\\TaskKill.exe\" ", kBareTool},
+            {"", L"start cmd.exe /C \"\\netsh.exe ", L"start cmd.exe /C \"C:\\windows\\system32\\netsh.exe ",
+             kBareTool},
+            {"", L"start cmd.exe /C \"Windows\\System32\\WindowsPowerShell\\",
+             L"start cmd.exe /C \"C:\\Windows\\System32\\WindowsPowerShell\\", kBareDrive},
+            {"InstallContextMenuMSIX",
+             L"start cmd.exe /C \"\"%SYSTEMROOT%\\System32\\WindowsPowerShell\\v1.0\\powershell.exe\" "
+             L"\"Import-Certificate -FilePath 'Program Files\\ContextMenuDemo\\MyKey.cer' -CertStoreLocation "
+             L"Cert:\\LocalMachine\\Root\"\" in ",
+             L"", kBareDrive},
+            {"InstallContextMenuMSIX",
+             L"start cmd.exe /C \"\"%SYSTEMROOT%\\System32\\WindowsPowerShell\\v1.0\\powershell.exe\" "
+             L"\"Add-AppxPackage -Path 'Program Files\\ContextMenuDemo\\PhotoStoreDemoPkg.msix'\"\" in ",
+             L"", kBareDrive},
+            {"CreateBenchMarkRunOnceSchTask", L"write STARTHXBM.XML", L"", kRelativeCopy},
+            {"CreateBenchMarkRunOnceSchTask",
+             L"start schtasks /Create /TN \"StartHXBM\" /XML \"StartHXBM.xml\" in C:\\FAULTS\\HX", L"",
+             kRelativeCopy},
+            {"PostInstallPPC", L"create service TUEPLauncher: \"C:\\faults\\client\\TUEPDU.exe\"", L"",
+             kOtherFolderOfTuep},
+            {"PostInstallPPC", L"create service TUEPLauncher: \"\\TUEPDU.exe\"", L"", kNoFolderOfTuep},
+            {"UnregisterDLL",
+             L"start cmd.exe /C \"regsvr32.exe /u /s \"C:\\faults camera\\server.dll\"\" in C:\\FAULTS "
+             L"CAMERA",
+             L"", kOlderWindows},
+            {"LaunchInstallProxyHX",
+             L"start \"\\\\MOM-InstallProxy-Net4\\MOM.InstallProxy.exe\" Install C:\\faults\\cli\\CLI.exe "
+             L"in ",
+             L"", kNoProxyFolder},
+            {"DeleteHXFolder", L"delete C:\\FAULTS\\ELSEWHERE", L"", kFolderOfData},
+            {"DeleteHXFolder", L"delete C:\\FAULTS\\ELSEWHERE\\KEPT.TXT", L"", kFolderOfData},
+        };
+        for (const wchar_t* change : kRegistrationOfTheCopy) {
+            rows.push_back({"CheckForClients", change, L"", kCountsAsOlder, kVersionQuery});
+        }
+        return rows;
+    }();
+    return all;
+}
+
+std::string Narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
+
+std::string RowText(const Substitution& row) {
+    return (row.action.empty() ? "all actions" : row.action) + ": " + Narrow(row.change) +
+           (row.other.empty() ? "" : "...") + ": " + row.reason;
+}
+
+/// The object of a change; for a started program its command line, whatever folder it is started in.
+std::wstring Object(const std::wstring& change, const std::wstring& prefix) {
+    const bool isStart = prefix.rfind(L"start ", 0) == 0;
+    const std::wstring object = change.substr(prefix.size());
+    return isStart ? object.substr(0, object.find(L" in ")) : object;
+}
+
+bool IsMade(const std::set<std::wstring>& touched, const std::wstring& other, const std::wstring& object) {
     return std::any_of(touched.begin(), touched.end(), [&](const std::wstring& made) {
-        return made == known.other + object || made.rfind(known.other + object + L'|', 0) == 0;
+        if (made.rfind(other, 0) != 0) {
+            return false;
+        }
+        const std::wstring madeObject = Object(made, other);
+        // A value of the key counts as the key.
+        return madeObject == object || madeObject.rfind(object + L'|', 0) == 0;
     });
 }
+
+bool StandsIn(const Substitution& row, const std::string& action, const std::wstring& change,
+              const std::set<std::wstring>& touched, const std::string& faulty) {
+    if ((!row.action.empty() && row.action != action) || (!row.faulty.empty() && row.faulty != faulty)) {
+        return false;
+    }
+    if (row.other.empty()) {
+        return row.change == change;
+    }
+    return change.rfind(row.change, 0) == 0 && IsMade(touched, row.other, Object(change, row.change));
+}
+
+// ---- What stays open
+
+constexpr char kItemList[] = "item list SHGetFolderLocation";
+constexpr char kShellAllocator[] = "SHGetMalloc";
+constexpr char kItemListRow[] =
+    "all actions: an item list stays open without the allocator that takes it back";
 
 // ---- Lines
 
@@ -143,6 +233,12 @@ bool IsListedLine(const std::string& action, const std::wstring& line, const std
     if (line.empty() && faulty == "MsiRecordSetStringW") {
         return true;
     }
+    // An installed copy's version stands alone in its line. Of a query that fails nothing is told: the error
+    // is past the end of the message, and the version is empty.
+    const bool isVersion = line.find_first_not_of(L"0123456789.") == std::wstring::npos;
+    if (action == "CheckForClients" && isVersion && (!line.empty() || faulty == kVersionQuery)) {
+        return true;
+    }
     const std::string text(line.begin(), line.end());
     // The launch-block message, which is no line of the log.
     if ((action == "LaunchedFromPIM" || action == "BlockLaunch") &&
@@ -156,24 +252,31 @@ bool IsListedLine(const std::string& action, const std::wstring& line, const std
     });
 }
 
-bool MayLetErrorOut(const std::string& action, const std::string& type) {
-    return type == kRegistryError && kLetErrorOut.count(action) != 0;
+std::string MayLetErrorOut(const std::string& action, const std::string& type) {
+    const auto found = kLetErrorOut.find(action);
+    return type == kRegistryError && found != kLetErrorOut.end() ? ErrorRow(*found) : "";
 }
 
-bool IsAllowedInstead(const std::string& action, const std::wstring& change,
-                      const std::set<std::wstring>& touched) {
-    return std::any_of(kSubstitutions.begin(), kSubstitutions.end(),
-                       [&](const Substitution& known) { return StandsIn(known, action, change, touched); });
+std::string MayStandIn(const std::string& action, const std::wstring& change,
+                       const std::set<std::wstring>& touched, const std::string& faulty) {
+    const std::vector<Substitution>& rows = AllSubstitutions();
+    const auto row = std::find_if(rows.begin(), rows.end(), [&](const Substitution& known) {
+        return StandsIn(known, action, change, touched, faulty);
+    });
+    return row != rows.end() ? RowText(*row) : "";
+}
+
+std::string MayStayOpen(const std::string& resource, const std::string& faulty) {
+    return resource == kItemList && faulty == kShellAllocator ? kItemListRow : "";
 }
 
 std::vector<std::string> AllExceptions() {
-    std::vector<std::string> all;
-    for (const auto& [action, reason] : kLetErrorOut) {
-        all.push_back(action + " lets a registry error out: " + reason);
+    std::vector<std::string> all = {kItemListRow};
+    for (const auto& row : kLetErrorOut) {
+        all.push_back(ErrorRow(row));
     }
-    for (const Substitution& known : kSubstitutions) {
-        all.push_back((known.action.empty() ? "all actions" : known.action) + ": " +
-                      std::string(known.prefix.begin(), known.prefix.end()) + "...: " + known.reason);
+    for (const Substitution& row : AllSubstitutions()) {
+        all.push_back(RowText(row));
     }
     return all;
 }

@@ -14,15 +14,21 @@ bool IsListedResult(const std::string& action, UINT result);
 /// True when the reference lists a line of that shape for the action. faulty: the function that fails.
 bool IsListedLine(const std::string& action, const std::wstring& line, const std::string& faulty);
 
-/// True when the action is one of the few that let such an error out. type: as the compiler names it.
-bool MayLetErrorOut(const std::string& action, const std::string& type);
+// The exceptions: each gives the row of its table that allows something, as AllExceptions names it; empty
+// when none does. faulty: the function that fails.
 
-/// True when a change that the good run has not made stands in for one that it has made. touched: all
-/// changes of the good run.
-bool IsAllowedInstead(const std::string& action, const std::wstring& change,
-                      const std::set<std::wstring>& touched);
+/// An error that leaves the action. type: as the compiler names it.
+std::string MayLetErrorOut(const std::string& action, const std::string& type);
 
-/// Every row of the tables of exceptions, for the record: "UnInstallPPC: ...".
+/// A change that the good run has not made, in the place of one that it has made or because the reference
+/// says so. touched: all changes of the good run.
+std::string MayStandIn(const std::string& action, const std::wstring& change,
+                       const std::set<std::wstring>& touched, const std::string& faulty);
+
+/// Something that is left open: "item list SHGetFolderLocation".
+std::string MayStayOpen(const std::string& resource, const std::string& faulty);
+
+/// Every row of the tables of exceptions.
 std::vector<std::string> AllExceptions();
 
 }  // namespace corvi::test

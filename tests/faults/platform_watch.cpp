@@ -17,8 +17,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cwchar>
+#include <string_view>
 #include <utility>
 
+#include "tests/faults/object_watch.h"
 #include "tests/faults/stand_ins.h"
 #include "tests/support/import_hooks.h"
 
@@ -174,6 +176,12 @@ std::wstring File(LPCWSTR path) {
     return Upper(clean);
 }
 
+/// The machine's classes are seen under two names.
+std::wstring OneName(const std::wstring& path) {
+    constexpr std::wstring_view kClasses = L"HKLM\\SOFTWARE\\CLASSES\\";
+    return path.rfind(kClasses, 0) == 0 ? L"HKCR\\" + path.substr(kClasses.size()) : path;
+}
+
 std::wstring Key(HKEY parent, LPCWSTR subkey, REGSAM access = 0) {
     std::wstring path = Now().KeyPath(parent);
     if (subkey != nullptr && *subkey != L'\0') {
@@ -182,6 +190,7 @@ std::wstring Key(HKEY parent, LPCWSTR subkey, REGSAM access = 0) {
     while (path.back() == L'\\') {
         path.pop_back();
     }
+    path = OneName(path);
     const std::wstring mark = L" (32-bit)";
     return (access & KEY_WOW64_32KEY) != 0 && path.find(mark) == std::wstring::npos ? path + mark : path;
 }
@@ -291,7 +300,10 @@ void RegisterFiles() {
     FAILS(CreateFileW, INVALID_HANDLE_VALUE, kDenied);
     CHANGES(CreateFileW,
             [](LPCWSTR path, DWORD access, DWORD, LPSECURITY_ATTRIBUTES, DWORD creation, DWORD,
-               HANDLE) -> std::wstring { return Writes(access, creation) ? L"write " + File(path) : L""; });
+               HANDLE) -> std::wstring {
+                // Without a name nothing can be opened.
+                return *path != L'\0' && Writes(access, creation) ? L"write " + File(path) : L"";
+            });
     ACCOUNT(CreateFileW,
             [](HANDLE file, LPCWSTR path, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD, HANDLE) {
                 HandleOpened(file, "CreateFileW");
@@ -561,6 +573,7 @@ void RegisterShellAndObjects() {
         }
     });
     WATCH_AS(SHGetMalloc, HandOutAllocator);
+    FAILS(SHGetMalloc, E_FAIL, 0);
     WATCH(SHGetPathFromIDListW);
     FAILS(SHGetPathFromIDListW, FALSE, 0);
     WATCH(SHChangeNotify);
@@ -584,8 +597,11 @@ void RegisterShellAndObjects() {
     FAILS(CoCreateGuid, HRESULT_FROM_WIN32(RPC_S_UUID_NO_ADDRESS), 0);
     WATCH(CoCreateInstance);
     FAILS(CoCreateInstance, REGDB_E_CLASSNOTREG, 0);
-    ACCOUNT(CoCreateInstance, [](HRESULT result, REFCLSID, LPUNKNOWN, DWORD, REFIID, LPVOID* object) {
+    ACCOUNT(CoCreateInstance, [](HRESULT result, REFCLSID, LPUNKNOWN, DWORD, REFIID id, LPVOID* object) {
         ObjectMade(result, static_cast<IUnknown*>(*object), "CoCreateInstance");
+        if (SUCCEEDED(result) && id == __uuidof(ITaskService)) {
+            WatchMethods(*static_cast<ITaskService*>(*object));
+        }
     });
     WATCH(SysAllocStringLen);
     FAILS(SysAllocStringLen, nullptr, 0);
@@ -597,11 +613,17 @@ void RegisterShellAndObjects() {
     FAILS(CreateXmlReader, E_OUTOFMEMORY, 0);
     ACCOUNT(CreateXmlReader, [](HRESULT result, REFIID, void** object, IMalloc*) {
         ObjectMade(result, static_cast<IUnknown*>(*object), "CreateXmlReader");
+        if (SUCCEEDED(result)) {
+            WatchMethods(*static_cast<IXmlReader*>(*object));
+        }
     });
     WATCH(CreateXmlWriter);
     FAILS(CreateXmlWriter, E_OUTOFMEMORY, 0);
     ACCOUNT(CreateXmlWriter, [](HRESULT result, REFIID, void** object, IMalloc*) {
         ObjectMade(result, static_cast<IUnknown*>(*object), "CreateXmlWriter");
+        if (SUCCEEDED(result)) {
+            WatchMethods(*static_cast<IXmlWriter*>(*object));
+        }
     });
     WATCH(CreateXmlReaderInputWithEncodingName);
     FAILS(CreateXmlReaderInputWithEncodingName, E_OUTOFMEMORY, 0);
@@ -726,6 +748,7 @@ PlatformWatch::PlatformWatch(HMODULE library) : hooks_(library) {
 
 PlatformWatch::~PlatformWatch() {
     hooks_.RestoreAll();
+    ForgetMethods();
     current = nullptr;
 }
 
@@ -741,8 +764,9 @@ void PlatformWatch::Begin(const std::optional<Fault>& fault, AtFault atFault) {
 }
 
 Recording PlatformWatch::End() {
-    fault_.reset();
+    // What an object does when its last reference goes belongs to the run: the XML writer writes its rest.
     ReleaseObjects();
+    fault_.reset();
     running_ = false;
     return std::move(recording_);
 }

@@ -209,8 +209,10 @@ const std::vector<Scenario> kProfileClient = {
 // ---- The clients of TUEP
 
 constexpr wchar_t kTuepName[] = L"TAVO User Experience Program Installer";
-constexpr wchar_t kPackedUpgradeCode[] = L"F479FF4120814D348BEF87FA15D9116D";
+constexpr wchar_t kPackedUpgradeCode[] = L"F479FF4120814D348BEF87FA159D116D";
 constexpr wchar_t kInstaller[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Installer";
+
+constexpr wchar_t kInstallerOfUser[] = L".DEFAULT\\Software\\Microsoft\\Installer";
 
 /// An installed product as the installer's own registration has it. number: 1 to 9.
 void RegisterProduct(int number, const std::wstring& name, const std::wstring& version) {
@@ -233,7 +235,11 @@ void RegisterProduct(int number, const std::wstring& name, const std::wstring& v
     SetText(L"Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\" + code, L"DisplayName", name);
     SetText(L"Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\" + code, L"UninstallString",
             L"MsiExec.exe /I" + code);
+    const std::wstring ofUser = std::wstring(kInstallerOfUser) + L"\\";
+    SetText(ofUser + L"Products\\" + packed, L"ProductName", name, REG_SZ, HKEY_USERS);
+    SetText(ofUser + L"Features\\" + packed, L"Main", L"", REG_SZ, HKEY_USERS);
     if (name == kTuepName) {
+        SetText(ofUser + L"UpgradeCodes\\" + kPackedUpgradeCode, packed, L"", REG_SZ, HKEY_USERS);
         SetText(classes + L"UpgradeCodes\\" + kPackedUpgradeCode, packed, L"");
         SetText(std::wstring(kInstaller) + L"\\UpgradeCodes\\" + kPackedUpgradeCode, packed, L"");
     }
@@ -243,6 +249,7 @@ void RegisterClients(DWORD statusOfTheOther, const std::wstring& installedVersio
     DropKey(L"SOFTWARE\\TUEP");
     DropKey(kInstaller);
     DropKey(L"Software\\Classes\\Installer");
+    DropKey(kInstallerOfUser, HKEY_USERS);
     DropKey(L"SOFTWARE\\TAVO\\TAVOAnalytics");
     SetNumber(L"SOFTWARE\\TUEP", L"LSX_TUEPStatus", 1);
     SetNumber(L"SOFTWARE\\TUEP", L"HX_TUEPStatus", statusOfTheOther);
@@ -458,7 +465,7 @@ const std::vector<Scenario> kTuep = {
              MakeFolder(Below(L"manager"));
              SetText(L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\TAVO Prism Install Manager",
                      L"InstallDir", Below(L"manager"));
-             SetText(L"SOFTWARE\\QEL Technologies\\Install\\PPC", L"InstallDir", Below(L"manager"));
+             SetText(L"SOFTWARE\\QEL Technologies\\Install\\PPC", L"InstallDir", Below(L"client"));
          }},
     {.name = "AfterInstallPPC",
      .action = "AfterInstallPPC",

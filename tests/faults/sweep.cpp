@@ -142,41 +142,73 @@ private:
 
 // ---- What holds after each run
 
-std::vector<std::string> Findings(const Scenario& scenario, const Fault& fault, const Run& good,
-                                  const Run& run) {
+/// What is wrong with a run, and which exceptions it needed.
+class Judgement {
+public:
+    Judgement(const Scenario& scenario, const Fault& fault, const Run& good, const Run& run)
+        : action_(scenario.action), fault_(fault), good_(good), run_(run) {
+        if (!run.recording.faultMet) {
+            findings.emplace_back("the fault was not met: the run is not the same as the good one");
+        }
+        LookAtEnd();
+        for (const std::string& resource : run.open) {
+            FindUnless(MayStayOpen(resource, fault.function), "left open: " + resource);
+        }
+        LookAtChanges();
+        LookAtLines();
+    }
+
     std::vector<std::string> findings;
-    // How many pieces the XML library writes a file in is its own business.
-    if (!run.recording.faultMet && fault.function != "WriteFile") {
-        findings.emplace_back("the fault was not met: the run is not the same as the good one");
-    }
-    if (!run.error.empty() && !MayLetErrorOut(scenario.action, run.error)) {
-        findings.push_back("an error leaves the action: " + run.error);
-    }
-    if (run.error.empty() && !IsListedResult(scenario.action, run.result)) {
-        findings.push_back("a result that the reference does not list: " + std::to_string(run.result));
-    }
-    for (const std::string& resource : run.open) {
-        findings.push_back("left open: " + resource);
-    }
-    const std::set<std::wstring> touched(good.recording.changes.begin(), good.recording.changes.end());
-    std::set<std::wstring> told;
-    for (const std::wstring& change : run.recording.changes) {
-        if (touched.count(change) == 0 && !IsAllowedInstead(scenario.action, change, touched) &&
-            told.insert(change).second) {
-            findings.push_back("touched without need: " + Narrow(change));
+    std::set<std::string> exceptions;
+
+private:
+    /// exception: the row that allows it; empty for none.
+    void FindUnless(const std::string& exception, const std::string& finding) {
+        if (exception.empty()) {
+            findings.push_back(finding);
+        } else {
+            exceptions.insert(exception);
         }
     }
-    for (size_t index = 0; index < run.lines.size(); ++index) {
-        if (index < run.linesAtFault) {
-            if (index >= good.lines.size() || run.lines[index] != good.lines[index]) {
-                findings.push_back("another line before the fault: " + Narrow(run.lines[index]));
+
+    void LookAtEnd() {
+        if (!run_.error.empty()) {
+            FindUnless(MayLetErrorOut(action_, run_.error), "an error leaves the action: " + run_.error);
+        } else if (!IsListedResult(action_, run_.result)) {
+            findings.push_back("a result that the reference does not list: " + std::to_string(run_.result));
+        }
+    }
+
+    void LookAtChanges() {
+        const std::vector<std::wstring>& changes = good_.recording.changes;
+        const std::set<std::wstring> touched(changes.begin(), changes.end());
+        std::set<std::wstring> told = touched;
+        for (const std::wstring& change : run_.recording.changes) {
+            if (told.insert(change).second) {
+                FindUnless(MayStandIn(action_, change, touched, fault_.function),
+                           "touched without need: " + Narrow(change));
             }
-        } else if (!IsListedLine(scenario.action, run.lines[index], fault.function)) {
-            findings.push_back("a line that the reference does not list: " + Narrow(run.lines[index]));
         }
     }
-    return findings;
-}
+
+    void LookAtLines() {
+        for (size_t index = 0; index < run_.lines.size(); ++index) {
+            const std::wstring& line = run_.lines[index];
+            if (index < run_.linesAtFault) {
+                if (index >= good_.lines.size() || line != good_.lines[index]) {
+                    findings.push_back("another line before the fault: " + Narrow(line));
+                }
+            } else if (!IsListedLine(action_, line, fault_.function)) {
+                findings.push_back("a line that the reference does not list: " + Narrow(line));
+            }
+        }
+    }
+
+    const std::string action_;
+    const Fault& fault_;
+    const Run& good_;
+    const Run& run_;
+};
 
 /// Every call once, and once with all later ones; the allocator's requests too.
 std::vector<Fault> FaultsOf(const Recording& good) {
@@ -281,8 +313,12 @@ void WorkOn(Stage& stage, Record& record, const Scenario& scenario, size_t first
         }
         record.Write("fault " + std::to_string(index) + " " + faults[index].Text());
         const Run run = stage.Do(scenario, faults[index], order.planted);
-        for (const std::string& finding : Findings(scenario, faults[index], good, run)) {
+        const Judgement judgement(scenario, faults[index], good, run);
+        for (const std::string& finding : judgement.findings) {
             record.Write("finding " + finding);
+        }
+        for (const std::string& exception : judgement.exceptions) {
+            record.Write("exception " + exception);
         }
     }
 }
@@ -298,8 +334,9 @@ bool IsOrdered(const SweepOrder& order, size_t index) {
 DWORD RunChild(const ChildOrder& order) {
     wchar_t self[MAX_PATH] = {};
     GetModuleFileNameW(nullptr, self, MAX_PATH);
+    const std::string childSwitch = kChildSwitch;
     std::wstring commandLine =
-        L"\"" + std::wstring(self) + L"\" --gtest_also_run_disabled_tests --gtest_filter=*FaultSweepChild*";
+        L"\"" + std::wstring(self) + L"\" " + std::wstring(childSwitch.begin(), childSwitch.end());
     SetEnvironmentVariableA(kVariable, Encode(order).c_str());
     SECURITY_ATTRIBUTES inheritable = {sizeof(inheritable), nullptr, TRUE};
     const HANDLE output =
@@ -370,6 +407,8 @@ public:
                 size_ = rest;
             } else if (word == "finding") {
                 Find(rest);
+            } else if (word == "exception") {
+                outcome_.exceptions.insert(rest);
             } else if (word == "crash") {
                 crash = line;
             } else if (word == "done") {

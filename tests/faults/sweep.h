@@ -1,11 +1,15 @@
 #pragma once
 
+#include <set>
 #include <string>
 #include <vector>
 
 #include "tests/faults/scenarios.h"
 
 namespace corvi::test {
+
+/// The command line that starts this program as a child of the sweep.
+inline constexpr char kChildSwitch[] = "--sweep-child";
 
 /// What a fault is made to do beside failing one call: a defect as the product might have it. Each must be
 /// found.
@@ -33,6 +37,7 @@ struct SweepOutcome {
     size_t scenarios = 0;
     size_t faults = 0;
     std::vector<std::string> findings;
+    std::set<std::string> exceptions;  ///< the rows of the tables of exceptions that a fault needed
     std::vector<std::string> summary;  ///< one line for each scenario
 };
 
