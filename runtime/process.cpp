@@ -7,6 +7,7 @@
 #include <cwchar>
 #include <iterator>
 #include <optional>
+#include <string_view>
 
 #include "runtime/installer_log.h"
 #include "runtime/kernel_handle.h"
@@ -135,7 +136,8 @@ void CollectOutput(HANDLE readEnd, DWORD waiting, std::string& collected) {
 // The output up to its first zero byte, from the console's code page.
 std::wstring WidenConsoleText(const std::string& output) {
     const UINT consolePage = GetConsoleOutputCP();
-    return Widen(output.c_str(), consolePage != 0 ? consolePage : GetOEMCP());
+    const std::string_view shown = std::string_view(output).substr(0, output.find('\0'));
+    return Widen(shown, consolePage != 0 ? consolePage : GetOEMCP());
 }
 
 // Reads until the child has ended. True when it ended, false when its exit code could not be read (exitCode

@@ -65,8 +65,8 @@ std::wstring VerbatimPath(const std::wstring& path) {
 
 // "C:" alone is the current folder of that drive: a separator would make it the root.
 std::wstring ReadyForName(std::wstring folder) {
-    if (!folder.empty() && !IsPathSeparator(folder.back()) &&
-        !(folder.size() == 2 && folder.back() == L':')) {
+    const bool isBareDrive = folder.size() == 2 && folder.back() == L':';
+    if (!folder.empty() && !IsPathSeparator(folder.back()) && !isBareDrive) {
         folder += L'\\';
     }
     return folder;

@@ -134,6 +134,30 @@ std::vector<RegistryRow> ReadRegistry(MSIHANDLE database) {
     return rows;
 }
 
+std::vector<UpgradeRow> ReadUpgrades(MSIHANDLE database) {
+    std::vector<UpgradeRow> rows;
+    const auto take = [&](MSIHANDLE record) { rows.push_back({Number(record, 1), Text(record, 2)}); };
+    ForEachRow(database, L"SELECT `Attributes`,`ActionProperty` FROM `Upgrade`", take);
+    return rows;
+}
+
+/// In the order of the files that they hold.
+std::vector<MediaRow> ReadMedia(MSIHANDLE database) {
+    std::vector<MediaRow> rows;
+    const auto take = [&](MSIHANDLE record) { rows.push_back({Number(record, 1), Text(record, 2)}); };
+    ForEachRow(database, L"SELECT `LastSequence`,`Cabinet` FROM `Media`", take);
+    std::sort(rows.begin(), rows.end(),
+              [](const MediaRow& a, const MediaRow& b) { return a.lastSequence < b.lastSequence; });
+    return rows;
+}
+
+std::vector<FeatureRow> ReadFeatures(MSIHANDLE database) {
+    std::vector<FeatureRow> rows;
+    const auto take = [&](MSIHANDLE record) { rows.push_back({Text(record, 1), Number(record, 2)}); };
+    ForEachRow(database, L"SELECT `Feature`,`Level` FROM `Feature`", take);
+    return rows;
+}
+
 // "SHORT|long name"
 std::string LongName(const std::string& fileName) {
     const auto bar = fileName.find('|');
@@ -226,21 +250,13 @@ PackageTables PackageDatabase::Read() const {
     tables.uiSequence =
         ReadSequence(handle_, L"SELECT `Action`,`Condition`,`Sequence` FROM `InstallUISequence`");
     tables.searches = ReadSearches(handle_);
-    ForEachRow(handle_, L"SELECT `Attributes`,`ActionProperty` FROM `Upgrade`", [&](MSIHANDLE record) {
-        tables.upgrades.push_back({Number(record, 1), Text(record, 2)});
-    });
+    tables.upgrades = ReadUpgrades(handle_);
     tables.registry = ReadRegistry(handle_);
     ForEachRow(handle_, L"SELECT `File`,`FileName`,`Sequence` FROM `File`", [&](MSIHANDLE record) {
         tables.files.push_back({Text(record, 1), LongName(Text(record, 2)), Number(record, 3)});
     });
-    ForEachRow(handle_, L"SELECT `LastSequence`,`Cabinet` FROM `Media`", [&](MSIHANDLE record) {
-        tables.media.push_back({Number(record, 1), Text(record, 2)});
-    });
-    std::sort(tables.media.begin(), tables.media.end(),
-              [](const MediaRow& a, const MediaRow& b) { return a.lastSequence < b.lastSequence; });
-    ForEachRow(handle_, L"SELECT `Feature`,`Level` FROM `Feature`", [&](MSIHANDLE record) {
-        tables.features.push_back({Text(record, 1), Number(record, 2)});
-    });
+    tables.media = ReadMedia(handle_);
+    tables.features = ReadFeatures(handle_);
     tables.components = ReadNames(handle_, L"SELECT `Component` FROM `Component`");
     tables.directories = ReadNames(handle_, L"SELECT `Directory` FROM `Directory`");
     return tables;

@@ -40,6 +40,7 @@ public:
         const auto* table = At<IMAGE_EXPORT_DIRECTORY>(directory.VirtualAddress);
         const auto* names = At<DWORD>(table->AddressOfNames);
         std::vector<std::string> exports;
+        exports.reserve(table->NumberOfNames);
         for (DWORD index = 0; index < table->NumberOfNames; ++index) {
             exports.emplace_back(At<char>(names[index]));
         }
