@@ -3,11 +3,13 @@
 #include <msi.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <system_error>
 
 #include "tool/console.h"
+#include "tool/facts_text.h"
 
 namespace corvi::tool {
 namespace {
@@ -74,8 +76,6 @@ const char* EndingName(Ending how) {
     return "";
 }
 
-std::string ResultNumber(std::uint32_t code) { return code > 0x7FFFFFFF ? Hex(code) : std::to_string(code); }
-
 std::string MeaningOf(const ActionFacts& facts, std::uint32_t code) {
     const Result* result = ResultMeaning(facts, code);
     if (result != nullptr) {
@@ -110,16 +110,6 @@ void AddActionOptions(CLI::App& verb, ActionCall& call) {
         ->type_name("PATH")
         ->allow_extra_args(false);
     verb.add_flag("--json", call.json, "the same as JSON");
-}
-
-const ActionFacts& RequireAction(const ActionCall& call) {
-    if (const ActionFacts* facts = FindAction(call.action)) {
-        return *facts;
-    }
-    const ActionFacts* nearest = NearestAction(call.action);
-    throw UsageError(
-        "there is no action \"" + call.action + "\"" +
-        (nearest != nullptr ? "; did you mean " + nearest->name + "?" : "; corvi list names them"));
 }
 
 std::vector<std::pair<std::string, std::string>> PropertiesOf(const ActionCall& call) {
@@ -164,6 +154,23 @@ std::string InWords(const ActionFacts& facts, const ActionEnd& end) {
     return {};
 }
 
+std::string Complaint(const ActionFacts& facts, const ActionEnd& end) {
+    switch (end.how) {
+        case Ending::Returned: {
+            const Result* result = ResultMeaning(facts, end.code);
+            return facts.name + ": " + (result != nullptr ? OutcomeWord(result->outcome) : "failed") +
+                   ", result " + ResultNumber(end.code);
+        }
+        case Ending::Threw:
+            return facts.name + ": an error left the action";
+        case Ending::Crashed:
+            return facts.name + ": the action crashed";
+        case Ending::EndedProcess:
+            break;
+    }
+    return facts.name + ": the action ended its process";
+}
+
 void AddTo(nlohmann::ordered_json& json, const ActionFacts& facts, const ActionEnd& end) {
     json["outcome"] = EndingName(end.how);
     json["fine"] = IsFine(facts, end);
@@ -204,7 +211,10 @@ std::vector<std::string> Notes(const ActionFacts& facts, const ActionCall& call,
     if (!elevated && facts.needsElevation) {
         notes.emplace_back("not elevated, and this action needs it: what the machine refuses fails");
     }
-    if (!call.hasData && facts.data.Any() && !facts.data.optional) {
+    const bool set = std::any_of(call.set.begin(), call.set.end(), [](const std::string& assignment) {
+        return assignment.compare(0, sizeof(kActionData), std::string(kActionData) + "=") == 0;
+    });
+    if (!call.hasData && !set && facts.data.Any() && !facts.data.optional) {
         notes.emplace_back("no action data given (--data), and this action reads it");
     }
     return notes;

@@ -30,9 +30,6 @@ struct ActionCall {
 /// Adds ACTION and the options that both verbs have.
 void AddActionOptions(CLI::App& verb, ActionCall& call);
 
-/// The facts of the action that the call names. Throws UsageError for an unknown one.
-const ActionFacts& RequireAction(const ActionCall& call);
-
 /// Each --set as name and value, --data as the property in which an action finds it. Throws UsageError for
 /// one that is no assignment.
 std::vector<std::pair<std::string, std::string>> PropertiesOf(const ActionCall& call);
@@ -57,6 +54,9 @@ bool IsFine(const ActionFacts& facts, const ActionEnd& end);
 
 /// The end in words, one paragraph.
 std::string InWords(const ActionFacts& facts, const ActionEnd& end);
+
+/// The one line for standard error when it is not fine: "BlockLaunch: refused, result 1603".
+std::string Complaint(const ActionFacts& facts, const ActionEnd& end);
 
 /// The end as members of a JSON object: "outcome", "result", "meaning", ...
 void AddTo(nlohmann::ordered_json& json, const ActionFacts& facts, const ActionEnd& end);

@@ -13,6 +13,9 @@ constexpr char kCoreStaticKey[] = "SOFTWARE\\QEL\\ACE\\Packages\\Core-Static";
 constexpr char kVRKey[] = "SOFTWARE\\QEL Technologies\\Install\\WVR64";
 constexpr char kHXKey[] = "SOFTWARE\\TAVO\\HX";
 constexpr char kAnalyticsKey[] = "SOFTWARE\\TAVO\\TAVOAnalytics";
+constexpr char kDriverServiceKey[] = "SYSTEM\\CurrentControlSet\\Services\\TAVOKyrnMasterDriver";
+constexpr char kTuepKey[] = "SOFTWARE\\TUEP";
+constexpr char kProfileClientKey[] = "SOFTWARE\\QEL Technologies\\Install\\PPC";
 constexpr char kSessionManagerKey[] = "SYSTEM\\CurrentControlSet\\Control\\Session Manager";
 constexpr char kEnvironmentKey[] = "SYSTEM\\CurrentControlSet\\Control\\Session Manager\\Environment";
 
@@ -48,6 +51,23 @@ const Guard kSystemPathGuard = {.property = "CORVI_SYSTEM_PATH",
                                 .value = "Path",
                                 .reason = "the session manager's key and the system path can be read"};
 
+// What was there before an install: a rollback must not take it away, a consent must not overwrite it.
+const Guard kClaimantSearch = {.property = "CORVI_TUEP_CLAIMANT",
+                               .root = "HKLM",
+                               .key = kAnalyticsKey,
+                               .value = "TUEPClient",
+                               .reason = "a client's claim to TUEP that nobody has taken up yet"};
+const Guard kConsentSearch = {.property = "CORVI_ANALYTICS_CONSENT",
+                              .root = "HKLM",
+                              .key = kAnalyticsKey,
+                              .value = "AnalyticsAccepted",
+                              .reason = "what the user answered about analytics"};
+const Guard kTuepSearch = {.property = "CORVI_TUEP_LOCATION",
+                           .root = "HKLM",
+                           .key = kProfileClientKey,
+                           .value = "InstallDir",
+                           .reason = "another copy of TUEP is installed, with data of its own"};
+
 // Machine keys that several actions read.
 const RegistryRead kSettingsLocationNeeded = {.root = "HKLM",
                                               .key = kHXNextKey,
@@ -69,6 +89,12 @@ const RegistryRead kVRLocation = {.root = "HKLM",
                                   .key = kVRKey,
                                   .value = "InstallDir",
                                   .meaning = "the folder above the VR component, with a trailing backslash"};
+
+const RegistryRead kWindowsVersion = {
+    .root = "HKLM",
+    .key = "SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion",
+    .value = "CurrentBuild",
+    .meaning = "with CurrentMajorVersionNumber and UBR: which Windows this is"};
 
 // Results that several actions have.
 const Result kAlwaysDone = {0, Outcome::Done, "always, whatever its steps did"};
@@ -250,7 +276,7 @@ const std::vector<ActionFacts> kLaunchGuard = {
      .condition = "NOT Installed AND NOT WIX_UPGRADE_DETECTED",
      .place = "After=\"InstallInitialize\"",
      .changes = "Deletes the machine key SOFTWARE\\QEL with everything below it.",
-     .deletes = {"the machine key SOFTWARE\\QEL with everything below it", true, false},
+     .deletes = {"the machine key SOFTWARE\\QEL with everything below it", true, false, true},
      .takenBackNote = "Nothing takes it back.",
      .results = {{0, Outcome::Done, "always, whether the key was there or not"}},
      .onFailure = "A key that is refused stays; look at it with an administrator's rights."},
@@ -276,6 +302,7 @@ const std::vector<ActionFacts> kLogonTasks = {
      .takenBackBy = "RemoveHXSchedularTask",
      .takenBackNote = "The Run value and the copy in the temporary folder stay as they are.",
      .rollback = "RemoveHXSchedularTask",
+     .rollbackCondition = "NOT Installed",
      .results = {{0, Outcome::Done, "schtasks was run; what it answered is not read"},
                  {1603, Outcome::Failed, "the registered install folder does not exist"}},
      .log = {{"StartHX Scheduled task creation is successful", "schtasks was run",
@@ -305,6 +332,7 @@ const std::vector<ActionFacts> kLogonTasks = {
      .takenBackBy = "RemoveDVRSchedularTask",
      .takenBackNote = "The Run value and the copy in the temporary folder stay as they are.",
      .rollback = "RemoveDVRSchedularTask",
+     .rollbackCondition = "CORVI_SETTINGS_LOCATION AND NOT Installed",
      .results = {{0, Outcome::Done, "schtasks was run; what it answered is not read"},
                  {1603, Outcome::Failed, "the registered install folder does not exist"}},
      .onFailure =
@@ -321,10 +349,12 @@ const std::vector<ActionFacts> kLogonTasks = {
          "task back when the removal fails. Declared `Return=\"ignore\"`: it answers 1 for success.",
      .condition = "REMOVE=\"ALL\"",
      .place = "After=\"InstallInitialize\"",
+     .searches = {kSettingsGuard},
      .changes = "Runs schtasks /delete /TN \"StartHX\" /F and waits for it.",
      .deletes = {"the task StartHX", true, false},
      .takenBackNote = "CreateLogonSchTask registers the task again.",
      .rollback = "CreateLogonSchTask",
+     .rollbackCondition = "CORVI_SETTINGS_LOCATION AND REMOVE=\"ALL\"",
      .results = {kTaskToolRan, kTaskToolFailed},
      .onFailure = "schtasks.exe must be in the system folder."},
     {.name = "RemoveDVRSchedularTask",
@@ -336,10 +366,12 @@ const std::vector<ActionFacts> kLogonTasks = {
                  "`RemoveHXSchedularTask`; declared `Return=\"ignore\"`: it answers 1 for success.",
      .condition = "REMOVE=\"ALL\"",
      .place = "After=\"InstallInitialize\"",
+     .searches = {kSettingsGuard},
      .changes = "Runs schtasks /delete /TN \"StartDVR\" /F and waits for it.",
      .deletes = {"the task StartDVR", true, false},
      .takenBackNote = "CreateDVRLogonSchTask registers the task again.",
      .rollback = "CreateDVRLogonSchTask",
+     .rollbackCondition = "CORVI_SETTINGS_LOCATION AND REMOVE=\"ALL\"",
      .results = {kTaskToolRan, kTaskToolFailed},
      .onFailure = "schtasks.exe must be in the system folder."},
     {.name = "LaunchHX",
@@ -398,6 +430,7 @@ const std::vector<ActionFacts> kBenchmarkTask = {
                 .meaning = "the benchmark's gate in the installing user's hive"},
                kSettingsLocationNeeded},
      .guards = {kBenchmarkGuard, kSettingsGuard},
+     .searches = {kClaimantSearch},
      .ownPackageWritesKeys = true,
      .changes = "Writes StartHXBM.xml with tomorrow's date into the temporary folder, creates the task from "
                 "that copy "
@@ -405,6 +438,7 @@ const std::vector<ActionFacts> kBenchmarkTask = {
      .takenBackBy = "RemoveBenchMarkRunOnceSchedularTask",
      .takenBackNote = "The copy in the temporary folder stays.",
      .rollback = "RemoveBenchMarkRunOnceSchedularTask",
+     .rollbackCondition = "NOT Installed AND NOT CORVI_TUEP_CLAIMANT",
      .results = {{0, Outcome::Done, "always; without any task when the folder or the file is missing"}},
      .onFailure =
          "Both keys are opened for writing: the installing user must be an elevated administrator. The task "
@@ -579,11 +613,12 @@ const std::vector<ActionFacts> kArbitration = {
                         .example = "[ProductVersion]",
                         .meaning = "the version that this package carries",
                         .misuse = kMissingKey}}},
-     .reads = {{.root = "HKLM", .key = "SOFTWARE\\TUEP", .meaning = "the client register"}},
+     .reads = {{.root = "HKLM", .key = kTuepKey, .meaning = "the client register"}},
      .changes =
          "Writes the client's status in SOFTWARE\\TUEP (and its driver-side copy for LSX); removes the "
          "registration of older installed copies; starts the task StartTUEP when TUEP is kept; writes "
          "TUEPClient in SOFTWARE\\TAVO\\TAVOAnalytics.",
+     .deletes = {"the registration of older installed copies, the product's own among them", true, false},
      .takenBackNote = "On an uninstall it takes its own status back.",
      .results =
          {{0, Outcome::Done, "go on: install, or remove; also without action data"},
@@ -626,7 +661,7 @@ const std::vector<ActionFacts> kCamera = {
                  "camera is not registered. Its rollback on a first install, with action data of its own. "
                  "The user name goes to a command line as it is: pass it in quotes, "
                  "`Username=\"[LogonUser]\"`, for names with blanks.",
-     .condition = "NOT REMOVE",
+     .condition = "CORVI_SYSTEM_PATH AND NOT REMOVE",
      .place = "Before=\"InstallFinalize\"",
      .data = {.keys = {kCameraFolderKey,
                        kCameraDllKey,
@@ -638,7 +673,7 @@ const std::vector<ActionFacts> kCamera = {
                             "arguments otherwise",
                         .misuse = kMissingKey},
                        kMediaSourceKey}},
-     .reads = {kSystemPathRead},
+     .reads = {kWindowsVersion, kSystemPathRead},
      .guards = {kSystemPathGuard},
      .changes =
          "Owner and full control for Users on the folder and everything in it (icacls); runs regsvr32; on "
@@ -648,6 +683,7 @@ const std::vector<ActionFacts> kCamera = {
      .takenBackNote = "Owner, permissions and the path entry stay.",
      .rollback = "UnregisterDLL",
      .rollbackTakesData = true,
+     .rollbackCondition = "NOT Installed",
      .results = {{0, Outcome::Done, "the deciding registration went well, or there is no action data"},
                  {1603, Outcome::Failed, "the deciding registration failed"}},
      .log = {kActionDataLine,
@@ -675,6 +711,8 @@ const std::vector<ActionFacts> kCamera = {
      .condition = "REMOVE=\"ALL\"",
      .place = "After=\"InstallInitialize\"",
      .data = {.keys = {kCameraFolderKey, kCameraDllKey, kMediaSourceKey}},
+     .reads = {kWindowsVersion},
+     .searches = {kSystemPathGuard},
      .changes = "On Windows 11 with the media source present: the camera scan, then that DLL is unregistered "
                 "and the "
                 "COM server stays registered; otherwise the COM server is unregistered.",
@@ -682,6 +720,7 @@ const std::vector<ActionFacts> kCamera = {
      .takenBackNote = "SetPermissionsRegisterDLL registers again.",
      .rollback = "SetPermissionsRegisterDLL",
      .rollbackTakesData = true,
+     .rollbackCondition = "CORVI_SYSTEM_PATH AND REMOVE=\"ALL\"",
      .results = {{0, Outcome::Done, "the deciding unregistration went well, or there is no action data"},
                  {1603, Outcome::Failed, "the deciding unregistration failed"}},
      .log = {kActionDataLine,
@@ -762,7 +801,8 @@ const std::vector<ActionFacts> kMsix = {
                  "and its data are the newer version's; declared `Return=\"ignore\"`.",
      .condition = "REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE",
      .place = "After=\"InstallInitialize\"",
-     .reads = {{.root = "HKLM",
+     .reads = {kSettingsLocation,
+               {.root = "HKLM",
                 .key = "SOFTWARE\\TAVO\\HX\\Chat",
                 .value = "InstallPath",
                 .meaning = "the companion's folder"},
@@ -796,7 +836,7 @@ const std::vector<ActionFacts> kSystemPath = {
      .onResult = Return::Ignore,
      .returnReason = "its result is always 0",
      .schedule = "Deferred, elevated, `NOT REMOVE`; declared `Return=\"ignore\"`.",
-     .condition = "NOT REMOVE",
+     .condition = "CORVI_SYSTEM_PATH AND NOT REMOVE",
      .place = "Before=\"InstallFinalize\"",
      .reads = {kSystemPathRead},
      .guards = {kSystemPathGuard},
@@ -1015,14 +1055,16 @@ const std::vector<ActionFacts> kProfileClient = {
                  "folder goes. Declared `Return=\"ignore\"`.",
      .condition = "NOT Installed",
      .place = "After=\"InstallInitialize\"",
+     .reads = {{.root = "HKLM",
+                .key = kDriverServiceKey,
+                .value = "ImagePath",
+                .meaning = "where the driver service's program lies; its versions V18 to V24 are asked too"}},
      .changes = "Asks their programs to close, stops and deletes the services PPCL and TUEPLauncher, deletes "
                 "the folder "
                 "TAVO\\Performance Profile Client, and stops and deletes driver services whose program lies "
                 "in a path "
                 "with the words Performance Profile Client.",
-     .deletes = {"the program folder TAVO\\Performance Profile Client and its services; InstallFiles and "
-                 "PostInstallPPC bring them back",
-                 false, false},
+     .deletes = {"the program folder TAVO\\Performance Profile Client and its services", true, false},
      .takenBackNote = "PostInstallPPC installs the service again.",
      .results = {kAlwaysDone},
      .log = {{"UnInstallPPC() Service location - %s", "a driver service of the older client is removed",
@@ -1043,11 +1085,24 @@ const std::vector<ActionFacts> kProfileClient = {
      .condition = "NOT REMOVE",
      .place = "Before=\"InstallFinalize\"",
      .data = {.keys = {kTaskNameKey, kCommandKey, kUserNameKey}},
-     .reads = {kClaimantRead,
-               {.root = "HKLM",
-                .key = "SOFTWARE\\QEL Technologies\\Install\\PPC",
-                .value = "InstallDir",
-                .meaning = "where the service's program lies; at most 130 characters"}},
+     .reads =
+         {kClaimantRead,
+          {.root = "HKLM",
+           .key = kTuepKey,
+           .value = "GUID",
+           .meaning = "the machine's GUID; one that is there stays"},
+          {.root = "HKLM",
+           .key = "SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\TAVO Prism Install "
+                  "Manager",
+           .value = "InstallDir",
+           .meaning = "the install manager's folder, beside which the service's program lies; at most 130 "
+                      "characters"},
+          {.root = "HKLM",
+           .key = kProfileClientKey,
+           .value = "InstallDir",
+           .meaning =
+               "where the service's program lies when that folder does not exist; at most 130 characters"}},
+     .searches = {kTuepSearch},
      .changes =
          "Writes Disable Performance Counters and, once, a new GUID under Software\\TUEP; gives Users full "
          "control of TAVO\\PPC below the common application data; creates and starts the service "
@@ -1056,6 +1111,7 @@ const std::vector<ActionFacts> kProfileClient = {
      .takenBackBy = "UnInstallPPC",
      .takenBackNote = "The GUID, the performance counters' value and the access list stay.",
      .rollback = "UnInstallPPC",
+     .rollbackCondition = "NOT Installed AND NOT CORVI_TUEP_LOCATION",
      .results = {{0, Outcome::Done,
                   "TUEP is set up, whether its service starts or not; or there is no action data"},
                  {1603, Outcome::Failed, "the event source cannot be registered, and nothing was done"}},
@@ -1078,6 +1134,10 @@ const std::vector<ActionFacts> kProfileClient = {
                  "with it), after `CheckForClients`; declared `Return=\"ignore\"`.",
      .condition = "REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE",
      .place = "After=\"InstallInitialize\"",
+     .reads = {{.root = "HKLM",
+                .key = kDriverServiceKey,
+                .value = "ImagePath",
+                .meaning = "where the driver service's program lies; its versions V18 to V26 are asked too"}},
      .changes =
          "Deletes the task StartTUEP; asks programs to close, deletes both services, both program folders "
          "(what "
@@ -1100,7 +1160,7 @@ const std::vector<ActionFacts> kProfileClient = {
      .onResult = Return::Ignore,
      .returnReason = "its result is always 0",
      .schedule = "Deferred, elevated, after `PostInstallPPC`; declared `Return=\"ignore\"`.",
-     .condition = "NOT REMOVE",
+     .condition = "CORVI_SYSTEM_PATH AND NOT REMOVE",
      .place = "Before=\"InstallFinalize\"",
      .reads = {{.root = "HKLM",
                 .key = kSessionManagerKey,
@@ -1142,14 +1202,16 @@ const std::vector<ActionFacts> kAnalytics = {
          "WIX_UPGRADE_DETECTED`, and not where a registry search finds `AnalyticsAccepted` = `false`: a "
          "refused consent survives repairs, upgrades and newer copies. `Return=\"check\"`. Its rollback "
          "deletes the whole key: only where nothing was in it before.",
-     .condition = "NOT Installed AND NOT WIX_UPGRADE_DETECTED",
+     .condition = "NOT Installed AND NOT WIX_UPGRADE_DETECTED AND CORVI_ANALYTICS_CONSENT ~<> \"false\"",
      .place = "Before=\"InstallFinalize\"",
+     .searches = {kConsentSearch, kClaimantSearch},
      .changes =
          "TUEP = 0 in SOFTWARE\\TAVO\\Install; AnalyticsAccepted = true in SOFTWARE\\TAVO\\TAVOAnalytics, "
          "created if needed.",
      .takenBackBy = "DeleteAnalyticsKey",
      .takenBackNote = "The value TUEP of SOFTWARE\\TAVO\\Install stays.",
      .rollback = "DeleteAnalyticsKey",
+     .rollbackCondition = "NOT Installed AND NOT CORVI_ANALYTICS_CONSENT AND NOT CORVI_TUEP_CLAIMANT",
      .results = {{0, Outcome::Done, "the consent is recorded, or the value was refused"}},
      .onFailure =
          "A key that can neither be opened nor created lets a registry error out: look at the rights of "
@@ -1188,7 +1250,7 @@ const std::vector<ActionFacts> kRecording = {
                  "it; declared `Return=\"ignore\"`.",
      .condition = "REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE",
      .place = "Before=\"RemoveRegistryValues\"",
-     .reads = {kVRLocation},
+     .reads = {kSettingsLocation, kVRLocation},
      .changes = "Closes the settings application; deletes WVR below that folder, and the folder itself when "
                 "it is empty "
                 "then.",
@@ -1207,7 +1269,8 @@ const std::vector<ActionFacts> kRecording = {
                  "again), before the files go; declared `Return=\"ignore\"`.",
      .condition = "REMOVE=\"ALL\" AND NOT UPGRADINGPRODUCTCODE",
      .place = "After=\"InstallInitialize\"",
-     .reads = {kVRLocation,
+     .reads = {kSettingsLocation,
+               kVRLocation,
                {.root = "HKLM",
                 .key = "SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\Steam App 250820",
                 .value = "InstallLocation",
@@ -1232,7 +1295,8 @@ const std::vector<ActionFacts> kRecording = {
      .reads = {{.root = "HKLM",
                 .key = "SOFTWARE\\QEL Technologies\\Install",
                 .value = "TAVODVR_Enabled",
-                .meaning = "1: recording is enabled"}},
+                .meaning = "1: recording is enabled"},
+               {.root = "HKLM", .key = "SOFTWARE\\TAVODVR", .meaning = "there already: nothing is done"}},
      .changes = "Creates SOFTWARE\\TAVODVR with TAVODVR_Tracked = 1.",
      .takenBackNote = "Nothing takes it back: the key outlives the product.",
      .results = {{1, Outcome::Done, "the tracking key was created"},
@@ -1285,6 +1349,10 @@ const std::vector<ActionFacts> kInstallManager = {
                  "services are stale whichever version left them; declared `Return=\"ignore\"`.",
      .condition = "NOT Installed",
      .place = "After=\"InstallInitialize\"",
+     .reads = {{.root = "HKLM",
+                .key = kDriverServiceKey,
+                .value = "ImagePath",
+                .meaning = "where the driver service's program lies; its versions V18 to V24 are asked too"}},
      .changes = "Stops and deletes each of six services whose program is system32\\TavoKyrnMasterDriver.sys.",
      .deletes = {"stale driver services of the processor-tuning SDK", true, false},
      .takenBackNote = "Nothing takes it back: the SDK's own driver replaces them.",
@@ -1369,30 +1437,8 @@ std::vector<ActionFacts> Everything() {
     return all;
 }
 
-std::string Lowered(std::string_view text) {
-    std::string lowered(text);
-    std::transform(lowered.begin(), lowered.end(), lowered.begin(), [](char character) {
-        return character >= 'A' && character <= 'Z' ? static_cast<char>(character + ('a' - 'A')) : character;
-    });
-    return lowered;
-}
-
-/// How many characters must be changed, added or taken away to make one text of the other.
-std::size_t Distance(const std::string& left, const std::string& right) {
-    std::vector<std::size_t> row(right.size() + 1);
-    for (std::size_t column = 0; column <= right.size(); ++column) {
-        row[column] = column;
-    }
-    for (std::size_t line = 1; line <= left.size(); ++line) {
-        std::size_t diagonal = row[0];
-        row[0] = line;
-        for (std::size_t column = 1; column <= right.size(); ++column) {
-            const std::size_t changed = diagonal + (left[line - 1] == right[column - 1] ? 0 : 1);
-            diagonal = row[column];
-            row[column] = std::min({row[column] + 1, row[column - 1] + 1, changed});
-        }
-    }
-    return row[right.size()];
+char Lowered(char character) {
+    return character >= 'A' && character <= 'Z' ? static_cast<char>(character + ('a' - 'A')) : character;
 }
 
 }  // namespace
@@ -1411,12 +1457,29 @@ const ActionFacts* FindAction(std::string_view name) {
     return found == all.end() ? nullptr : &*found;
 }
 
+std::size_t Distance(std::string_view left, std::string_view right) {
+    std::vector<std::size_t> row(right.size() + 1);
+    for (std::size_t column = 0; column <= right.size(); ++column) {
+        row[column] = column;
+    }
+    for (std::size_t line = 1; line <= left.size(); ++line) {
+        std::size_t diagonal = row[0];
+        row[0] = line;
+        for (std::size_t column = 1; column <= right.size(); ++column) {
+            const bool same = Lowered(left[line - 1]) == Lowered(right[column - 1]);
+            const std::size_t changed = diagonal + (same ? 0 : 1);
+            diagonal = row[column];
+            row[column] = std::min({row[column] + 1, row[column - 1] + 1, changed});
+        }
+    }
+    return row[right.size()];
+}
+
 const ActionFacts* NearestAction(std::string_view name) {
-    const std::string wanted = Lowered(name);
     const ActionFacts* nearest = nullptr;
-    std::size_t least = wanted.size() / 3 + 2;
+    std::size_t least = name.size() / 3 + 2;
     for (const ActionFacts& facts : AllActions()) {
-        const std::size_t distance = Distance(wanted, Lowered(facts.name));
+        const std::size_t distance = Distance(name, facts.name);
         if (distance < least) {
             least = distance;
             nearest = &facts;

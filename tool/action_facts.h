@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -82,6 +83,8 @@ struct Deletion {
     std::string what = {};
     bool notOnRepair = false;   ///< a repair must not run it: what it deletes is not brought back
     bool notOnUpgrade = false;  ///< a major upgrade must not run it: the newer version needs it
+    /// Nor the newer version's own install, where an older one is replaced.
+    bool notInNewVersion = false;
 };
 
 /// One text that the action writes to the installer's log, %s and %d where text and numbers stand.
@@ -109,6 +112,8 @@ struct ActionFacts {
     std::vector<RegistryRead> reads = {};
     /// The searches that the recommended condition needs, one for each key whose absence lets an error out.
     std::vector<Guard> guards = {};
+    /// What the conditions ask for besides: what was on the machine before this install.
+    std::vector<Guard> searches = {};
     /// The package itself writes what the guards look for before the action runs: then it needs none.
     bool ownPackageWritesKeys = false;
     std::string changes = {};
@@ -119,6 +124,8 @@ struct ActionFacts {
     /// The exported action that the include declares as NAME.Rollback, Execute="rollback"; may be empty.
     std::string rollback = {};
     bool rollbackTakesData = false;  ///< the rollback's entry point needs action data of its own
+    /// When the rollback may run: it must not take away what was there before.
+    std::string rollbackCondition = {};
     std::vector<Result> results = {};
     std::vector<LogText> log = {};
     std::string onFailure = {};  ///< what to look at next when it failed
@@ -142,6 +149,10 @@ const ActionFacts* FindAction(std::string_view name);
 /// The action whose name equals this one without regard to case, or the one whose name is nearest to it
 /// (for "did you mean"), or null when none is near.
 const ActionFacts* NearestAction(std::string_view name);
+
+/// How many letters must be changed, added or taken away to make one text of the other, without regard to
+/// case.
+std::size_t Distance(std::string_view left, std::string_view right);
 
 /// What a result of the action means: its own row, else the row for any other number, else null.
 const Result* ResultMeaning(const ActionFacts& action, std::uint32_t code);

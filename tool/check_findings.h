@@ -60,8 +60,4 @@ void CheckPackageItself(const CheckedPackage& package, Findings& findings);
 /// "first install, repair and uninstall"
 std::string ScenarioList(const std::vector<Scenario>& scenarios);
 
-/// How many letters must be changed, added or taken away to make one text of the other, without regard to
-/// case.
-std::size_t Distance(const std::string& a, const std::string& b);
-
 }  // namespace corvi::tool

@@ -3,6 +3,8 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <iterator>
 #include <memory>
 
 #include "tool/console.h"
@@ -38,6 +40,16 @@ std::vector<std::string> ExportedNames(const std::wstring& path) {
     return names;
 }
 
+/// "A, B, C and 44 more".
+std::string FirstOf(const std::vector<std::string>& names) {
+    constexpr std::size_t kNamed = 3;
+    std::string text;
+    for (std::size_t index = 0; index < std::min(names.size(), kNamed); ++index) {
+        text += (index == 0 ? "" : ", ") + names[index];
+    }
+    return names.size() > kNamed ? text + " and " + std::to_string(names.size() - kNamed) + " more" : text;
+}
+
 }  // namespace
 
 std::string OutcomeWord(Outcome outcome) {
@@ -56,9 +68,16 @@ std::string OutcomeWord(Outcome outcome) {
     return "failed";
 }
 
-std::string CodeText(const Result& result) {
-    return result.code ? std::to_string(*result.code) : "any other";
+std::string ResultNumber(std::uint32_t code) {
+    if (code <= 0x7FFFFFFF) {
+        return std::to_string(code);
+    }
+    char text[16] = {};
+    std::snprintf(text, sizeof(text), "0x%08X", static_cast<unsigned>(code));
+    return text;
 }
+
+std::string CodeText(const Result& result) { return result.code ? ResultNumber(*result.code) : "any other"; }
 
 std::string RunsAs(const ActionFacts& facts) {
     if (facts.execution == Execution::Immediate) {
@@ -87,20 +106,25 @@ const ActionFacts& RequireAction(const std::string& name) {
                      (nearest != nullptr ? "; is " + nearest->name + " meant?" : "; corvi list names all"));
 }
 
-std::vector<std::string> LibraryDifferences(const std::wstring& path) {
+std::string LibraryDifferences(const std::wstring& path) {
     const std::vector<std::string> exports = ExportedNames(path);
-    std::vector<std::string> differences;
+    std::vector<std::string> missing;
     for (const ActionFacts& facts : AllActions()) {
         if (std::find(exports.begin(), exports.end(), facts.name) == exports.end()) {
-            differences.push_back(ToUtf8(path) + " does not export " + facts.name);
+            missing.push_back(facts.name);
         }
     }
-    for (const std::string& name : exports) {
-        if (FindAction(name) == nullptr) {
-            differences.push_back(ToUtf8(path) + " exports " + name + ", which is no known action");
-        }
+    std::vector<std::string> unknown;
+    std::copy_if(exports.begin(), exports.end(), std::back_inserter(unknown),
+                 [](const std::string& name) { return FindAction(name) == nullptr; });
+    if (missing.empty() && unknown.empty()) {
+        return {};
     }
-    return differences;
+    std::string text = ToUtf8(path);
+    text += missing.empty() ? "" : " does not export " + FirstOf(missing);
+    text += missing.empty() || unknown.empty() ? "" : ", and";
+    text += unknown.empty() ? "" : " exports " + FirstOf(unknown) + ", no known actions";
+    return text;
 }
 
 }  // namespace corvi::tool

@@ -43,7 +43,9 @@ constexpr char kForWix4[] =
 constexpr char kGuardsNote[] =
     "Guards. An action that lets a registry error out where its key is missing runs under a condition that "
     "names the "
-    "guard's property. A package that writes the key itself before the action runs needs none.";
+    "guard's property. A package that writes the key itself before the action runs needs none. Other "
+    "searches "
+    "tell what was there before an install: a rollback must not take that away.";
 
 std::string Escaped(const std::string& text) {
     std::string escaped;
@@ -139,6 +141,9 @@ std::string ActionNote(const ActionFacts& facts, std::size_t indent) {
         note += "\nAction data" + std::string(facts.data.optional ? " (may be left out)" : "") + ": " +
                 DataExample(facts);
     }
+    if (!facts.rollback.empty()) {
+        note += "\nThe rollback's condition: " + facts.rollbackCondition;
+    }
     if (facts.rollbackTakesData) {
         note += "\nThe rollback takes action data too.";
     }
@@ -159,11 +164,18 @@ std::string GuardElement(const Guard& guard, int wix, std::size_t indent) {
            Element("RegistrySearch", search, indent + 2) + std::string(indent, ' ') + "</Property>\n";
 }
 
-/// The guards of these actions, each once.
+/// Every search that the action's conditions may name.
+std::vector<Guard> SearchesOf(const ActionFacts& facts) {
+    std::vector<Guard> searches = facts.guards;
+    searches.insert(searches.end(), facts.searches.begin(), facts.searches.end());
+    return searches;
+}
+
+/// The searches of these actions, each once.
 std::vector<Guard> GuardsOf(const std::vector<const ActionFacts*>& actions) {
     std::vector<Guard> guards;
     for (const ActionFacts* facts : actions) {
-        for (const Guard& guard : facts->guards) {
+        for (const Guard& guard : SearchesOf(*facts)) {
             const bool known = std::any_of(guards.begin(), guards.end(), [&](const Guard& other) {
                 return other.property == guard.property;
             });
@@ -219,6 +231,21 @@ std::string ScheduleElement(const std::string& action, const std::string& place,
            "    </InstallExecuteSequence>\n";
 }
 
+/// Links the searches that a condition names; the guards too where the package may have no need of them.
+std::string PropertyReferences(const ActionFacts& facts, const std::string& condition) {
+    std::string references;
+    for (const Guard& guard : SearchesOf(facts)) {
+        const bool named = condition.find(guard.property) != std::string::npos;
+        const bool offered = facts.ownPackageWritesKeys && &condition == &facts.condition &&
+                             std::any_of(facts.guards.begin(), facts.guards.end(),
+                                         [&](const Guard& own) { return own.property == guard.property; });
+        if (named || offered) {
+            references += Element("PropertyRef", {Attribute("Id", guard.property)}, 4);
+        }
+    }
+    return references;
+}
+
 void PrintFragment(const std::string& content) { Print("\n  <Fragment>\n" + content + "  </Fragment>\n"); }
 
 void PrintWix4(const std::vector<const ActionFacts*>& actions) {
@@ -231,14 +258,13 @@ void PrintWix4(const std::vector<const ActionFacts*>& actions) {
     }
     for (const ActionFacts* facts : actions) {
         std::string content = ActionNote(*facts, 4) + ActionElement(*facts, "BinaryRef", 4);
-        for (const Guard& guard : facts->guards) {
-            content += Element("PropertyRef", {Attribute("Id", guard.property)}, 4);
-        }
+        content += PropertyReferences(*facts, facts->condition);
         PrintFragment(content + ScheduleElement(facts->name, facts->place, facts->condition));
         if (!facts->rollback.empty()) {
             PrintFragment(RollbackElement(*facts, "BinaryRef", 4) +
+                          PropertyReferences(*facts, facts->rollbackCondition) +
                           ScheduleElement(facts->name + ".Rollback", Attribute("Before", facts->name),
-                                          facts->condition));
+                                          facts->rollbackCondition));
         }
     }
     PrintLine("</Wix>");

@@ -46,9 +46,9 @@ Json ReadsAsJson(const ActionFacts& facts) {
     return reads;
 }
 
-Json GuardsAsJson(const ActionFacts& facts) {
+Json GuardsAsJson(const std::vector<Guard>& searches) {
     Json guards = Json::array();
-    for (const Guard& guard : facts.guards) {
+    for (const Guard& guard : searches) {
         guards.push_back({{"property", guard.property},
                           {"root", guard.root},
                           {"key", guard.key},
@@ -94,18 +94,21 @@ Json AsJson(const ActionFacts& facts) {
               {"optional", facts.data.optional}}},
             {"properties", facts.properties},
             {"reads", ReadsAsJson(facts)},
-            {"guards", GuardsAsJson(facts)},
+            {"guards", GuardsAsJson(facts.guards)},
+            {"searches", GuardsAsJson(facts.searches)},
             {"ownPackageWritesKeys", facts.ownPackageWritesKeys},
             {"changes", facts.changes},
             {"deletes",
              {{"what", facts.deletes.what},
               {"notOnRepair", facts.deletes.notOnRepair},
-              {"notOnUpgrade", facts.deletes.notOnUpgrade}}},
+              {"notOnUpgrade", facts.deletes.notOnUpgrade},
+              {"notInNewVersion", facts.deletes.notInNewVersion}}},
             {"needsElevation", facts.needsElevation},
             {"takenBackBy", facts.takenBackBy},
             {"takenBackNote", facts.takenBackNote},
             {"rollback", facts.rollback},
             {"rollbackTakesData", facts.rollbackTakesData},
+            {"rollbackCondition", facts.rollbackCondition},
             {"results", ResultsAsJson(facts)},
             {"log", LogAsJson(facts)},
             {"onFailure", facts.onFailure}};
@@ -164,6 +167,7 @@ void PrintDeletion(const ActionFacts& facts) {
         text += facts.deletes.notOnUpgrade ? "; a repair and an upgrade must not run it"
                                            : "; a repair must not run it";
     }
+    text += facts.deletes.notInNewVersion ? "; nor a newer version's install that replaces an older one" : "";
     PrintPart("deletes", text);
 }
 
@@ -200,6 +204,10 @@ void Describe(const ActionFacts& facts) {
                                     ? "; not needed where the package itself writes it before the action runs"
                                     : ""));
     }
+    for (const Guard& search : facts.searches) {
+        PrintPart("search", search.property + ": " + search.root + "\\" + search.key + " | " + search.value +
+                                ": " + search.reason);
+    }
     PrintActionData(facts);
     PrintReads(facts);
     PrintPart("changes", facts.changes);
@@ -207,7 +215,9 @@ void Describe(const ActionFacts& facts) {
     PrintPart("elevation", facts.needsElevation ? "needed" : "not needed");
     PrintPart("taken back",
               facts.takenBackBy + (facts.takenBackBy.empty() ? "" : ". ") + facts.takenBackNote);
-    PrintPart("rollback", facts.rollback.empty() ? "none" : facts.name + ".Rollback runs " + facts.rollback);
+    PrintPart("rollback", facts.rollback.empty() ? "none"
+                                                 : facts.name + ".Rollback runs " + facts.rollback + ": " +
+                                                       facts.rollbackCondition);
     PrintResultsAndLines(facts);
     PrintLine();
     PrintPart("on failure", facts.onFailure);
@@ -228,11 +238,12 @@ int CompareWithLibrary(const std::string& dll) {
     if (dll.empty()) {
         return kFine;
     }
-    const std::vector<std::string> differences = LibraryDifferences(LibraryPath(dll));
-    for (const std::string& difference : differences) {
-        PrintError(difference);
+    const std::string differences = LibraryDifferences(LibraryPath(dll));
+    if (differences.empty()) {
+        return kFine;
     }
-    return differences.empty() ? kFine : kFindings;
+    PrintError(differences);
+    return kFindings;
 }
 
 int List(const ListOptions& options) {

@@ -10,6 +10,7 @@
 #include "tool/action_call.h"
 #include "tool/change_journal.h"
 #include "tool/console.h"
+#include "tool/facts_text.h"
 #include "tool/image.h"
 #include "tool/import_rules.h"
 #include "tool/installer_session.h"
@@ -113,12 +114,18 @@ void PrintText(const Told& told, const ActionEnd& end) {
     PrintWrapped(InWords(*told.facts, end), "", "  ");
 }
 
-void Print(const Told& told, const ActionEnd& end) {
+/// Everything, and the program's exit code.
+int Tell(const Told& told, const ActionEnd& end) {
     if (told.json) {
         PrintJson(told, end);
     } else {
         PrintText(told, end);
     }
+    if (IsFine(*told.facts, end)) {
+        return kFine;
+    }
+    PrintError(Complaint(*told.facts, end));
+    return kFindings;
 }
 
 /// The library as its file tells of it. Throws UsageError for one of which no plan can tell what it does.
@@ -156,9 +163,9 @@ Running* running = nullptr;
 /// Ends the program from within the action: nothing of the action may run any more.
 [[noreturn]] void EndProgram(const ActionEnd& end) {
     running->session->Close();
-    Print(running->told, end);
+    const int code = Tell(running->told, end);
     FlushOutput();
-    TerminateProcess(GetCurrentProcess(), kFindings);
+    TerminateProcess(GetCurrentProcess(), static_cast<UINT>(code));
     std::abort();
 }
 
@@ -177,7 +184,7 @@ LONG WINAPI EndAfterCrash(EXCEPTION_POINTERS* exception) {
 }
 
 int Plan(const ActionCall& call) {
-    const ActionFacts& facts = RequireAction(call);
+    const ActionFacts& facts = RequireAction(call.action);
     const auto properties = PropertiesOf(call);
     const std::wstring path = LibraryPath(call.dll);
     RequireKnownImports(path, facts.name);
@@ -212,8 +219,7 @@ int Plan(const ActionCall& call) {
         SetUnhandledExceptionFilter(nullptr);
     }
     plan.session->Close();
-    Print(plan.told, end);
-    return IsFine(facts, end) ? kFine : kFindings;
+    return Tell(plan.told, end);
 }
 
 }  // namespace

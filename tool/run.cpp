@@ -11,6 +11,7 @@
 #include "tool/action_call.h"
 #include "tool/action_host.h"
 #include "tool/console.h"
+#include "tool/facts_text.h"
 #include "tool/image.h"
 #include "tool/installer_session.h"
 #include "tool/verbs.h"
@@ -393,7 +394,7 @@ void RequireExport(const std::wstring& library, const std::string& action) {
 }
 
 int Run(const ActionCall& call) {
-    const ActionFacts& facts = RequireAction(call);
+    const ActionFacts& facts = RequireAction(call.action);
     const std::wstring library = LibraryPath(call.dll);
     RequireExport(library, facts.name);
     const Json order = {{"dll", ToUtf8(library)}, {"action", facts.name}, {"properties", PropertiesOf(call)}};
@@ -409,7 +410,11 @@ int Run(const ActionCall& call) {
     }
     const ActionEnd end = EndOf(host, report.told);
     report.Finish(notes, elevated, end);
-    return IsFine(facts, end) ? kFine : kFindings;
+    if (IsFine(facts, end)) {
+        return kFine;
+    }
+    PrintError(Complaint(facts, end));
+    return kFindings;
 }
 
 }  // namespace

@@ -65,6 +65,9 @@ TEST(Include, EachActionThatLetsAnErrorOutWithoutItsKeyHasASearchAndACondition) 
         const std::string output = RunTool(std::wstring(L"include ") + guarded.action).output;
         EXPECT_THAT(output, AllOf(HasSubstr("<RegistrySearch Id=\"" + std::string(guarded.property) + "\""),
                                   HasSubstr(guarded.key)));
+        // The note on the action: one comment, wrapped.
+        const std::string note = output.substr(output.find("<!-- Condition:"));
+        EXPECT_THAT(note.substr(0, note.find("-->")), HasSubstr(guarded.property)) << output;
     }
     EXPECT_THAT(RunTool(L"include DeleteHXSlimINSTALLDIRFolder").output, HasSubstr("Win64=\"no\""));
 }
@@ -91,6 +94,48 @@ TEST(Include, AllActionsAndRollbacksInTheCurrentSchema) {
     EXPECT_THAT(run.output,
                 HasSubstr("<Custom Action=\"CreateLogonSchTask.Rollback\" Before=\"CreateLogonSchTask\""));
     EXPECT_GE(80u, LongestLine(run.output));
+}
+
+/// The condition under which the current schema schedules that action; line ends in it are blanks.
+std::string ConditionOf(const std::string& output, const std::string& action) {
+    const size_t element = output.find("<Custom Action=\"" + action + "\"");
+    const size_t start = output.find("Condition=\"", element) + 11;
+    return std::regex_replace(output.substr(start, output.find('"', start) - start), std::regex("\\s+"), " ");
+}
+
+TEST(Include, ARollbackRunsOnlyWhereItTakesNothingFromBefore) {
+    const std::string output = RunTool(L"include --wix 4").output;
+    EXPECT_EQ("NOT REMOVE", ConditionOf(output, "CreateLogonSchTask"));
+    EXPECT_EQ("NOT Installed", ConditionOf(output, "CreateLogonSchTask.Rollback"));
+    EXPECT_EQ("NOT Installed", ConditionOf(output, "SetPermissionsRegisterDLL.Rollback"));
+    EXPECT_EQ("NOT Installed AND NOT CORVI_TUEP_LOCATION", ConditionOf(output, "PostInstallPPC.Rollback"));
+    EXPECT_EQ("NOT Installed AND NOT CORVI_TUEP_CLAIMANT",
+              ConditionOf(output, "CreateBenchMarkRunOnceSchTask.Rollback"));
+    EXPECT_EQ("NOT Installed AND NOT CORVI_ANALYTICS_CONSENT AND NOT CORVI_TUEP_CLAIMANT",
+              ConditionOf(output, "EnableAnalyticsKey.Rollback"));
+    EXPECT_EQ("CORVI_SETTINGS_LOCATION AND REMOVE=&quot;ALL&quot;",
+              ConditionOf(output, "RemoveHXSchedularTask.Rollback"));
+}
+
+TEST(Include, EverySearchThatAConditionNamesIsDeclaredAndLinked) {
+    const std::string output = RunTool(L"include --wix 4").output;
+    const std::regex fragment("<Fragment>([^]*?)</Fragment>");
+    for (std::sregex_iterator it(output.begin(), output.end(), fragment), end; it != end; ++it) {
+        const std::string text = (*it)[1];
+        const size_t custom = text.find("<Custom Action=");
+        const std::string scheduled = custom == std::string::npos ? "" : text.substr(custom);
+        const std::regex property("CORVI_\\w+");
+        for (std::sregex_iterator name(scheduled.begin(), scheduled.end(), property); name != end; ++name) {
+            EXPECT_THAT(text, HasSubstr("<PropertyRef Id=\"" + name->str() + "\" />"));
+            EXPECT_THAT(output, HasSubstr("<Property Id=\"" + name->str() + "\" Secure=\"yes\">"));
+        }
+    }
+}
+
+TEST(Include, ARefusedConsentIsNotOverwritten) {
+    EXPECT_EQ(
+        "NOT Installed AND NOT WIX_UPGRADE_DETECTED AND CORVI_ANALYTICS_CONSENT ~&lt;> &quot;false&quot;",
+        ConditionOf(RunTool(L"include --wix 4 EnableAnalyticsKey").output, "EnableAnalyticsKey"));
 }
 
 TEST(Include, AnotherSchemaOrActionIsWrongUse) {

@@ -47,7 +47,25 @@ TEST(List, ALibraryWithoutTheActionsIsAFinding) {
     const ToolRun run = RunTool(L"list --dll media_source.dll");
     EXPECT_EQ(1u, run.exitCode);
     EXPECT_THAT(run.error,
-                AllOf(HasSubstr("does not export BlockLaunch"), HasSubstr("exports OptxScanCameras")));
+                AllOf(HasSubstr("does not export LaunchedFromPIM, BlockLaunch, BlockKITELaunch and 44 more"),
+                      HasSubstr("OptxScanCameras, no known actions\n")));
+}
+
+TEST(List, WhateverALibraryLacksIsSaidInOneLine) {
+    for (const wchar_t* library : {L"media_source.dll", L"C:\\windows\\system32\\msi.dll"}) {
+        EXPECT_EQ(1u, LineCount(RunTool(std::wstring(L"list --dll ") + library).error)) << library;
+    }
+}
+
+TEST(List, ANegativeResultIsShownAsItIsMeant) {
+    const std::string output = RunTool(L"list DeleteHXFolder").output;
+    EXPECT_THAT(output, AllOf(HasSubstr("\n  0xFFFFFFFF  "), Not(HasSubstr("4294967295"))));
+}
+
+TEST(List, WhatARollbackMustNotTakeAwayIsInItsCondition) {
+    EXPECT_THAT(RunTool(L"list EnableAnalyticsKey").output,
+                AllOf(HasSubstr("\nsearch        CORVI_ANALYTICS_CONSENT: "),
+                      HasSubstr("\nrollback      EnableAnalyticsKey.Rollback runs DeleteAnalyticsKey: NOT")));
 }
 
 TEST(List, AFileThatIsNoLibraryIsWrongUse) {

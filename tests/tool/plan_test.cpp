@@ -354,6 +354,22 @@ void ExpectUsageError(const std::wstring& arguments, const std::string& word) {
     EXPECT_EQ(LineCount(run.error), 1U) << run.error;
 }
 
+TEST_F(PlanVerb, AndRunSayInOneLineThatAnActionFails) {
+    for (const std::wstring& verb : {std::wstring(L"plan"), std::wstring(L"run")}) {
+        for (const wchar_t* json : {L"", L" --json"}) {
+            const ToolRun run = RunTool(verb + L" BlockLaunch" + json);
+            EXPECT_EQ(run.exitCode, 1U);
+            EXPECT_EQ(run.error, "corvi: BlockLaunch: refused, result 1603\n");
+        }
+    }
+}
+
+TEST_F(PlanVerb, TakesActionDataThatIsSetAsAPropertyForGiven) {
+    EXPECT_THAT(RunTool(L"plan DeleteDMFTDirectory").output, StartsWith("note: no action data given"));
+    EXPECT_THAT(RunTool(L"plan DeleteDMFTDirectory --set CustomActionData=InstallDir=C:\\none\\").output,
+                StartsWith("plan of DeleteDMFTDirectory"));
+}
+
 TEST_F(PlanVerb, AndRunRefuseWrongUsageInOneLine) {
     for (const std::wstring& verb : {std::wstring(L"plan"), std::wstring(L"run")}) {
         ExpectUsageError(verb, "ACTION");
