@@ -377,6 +377,24 @@ void PrintJson(const std::vector<ReadLog>& logs) {
     PrintLine(Json{{"logs", all}}.dump(2, ' ', false, Json::error_handler_t::replace));
 }
 
+/// The one line for standard error: the logs that could not be read, or the worst of the actions that
+/// failed; nothing when all went well.
+std::string Complaint(const std::vector<ReadLog>& logs) {
+    std::string unreadable;
+    const LoggedRun* worst = nullptr;
+    for (const ReadLog& log : logs) {
+        unreadable += (unreadable.empty() || log.unreadable.empty() ? "" : "; ") + log.unreadable;
+        const LoggedRun* run = HasFailure(log.story) ? Worst(log.story) : nullptr;
+        if (run != nullptr && (worst == nullptr || Badness(run->verdict) > Badness(worst->verdict))) {
+            worst = run;
+        }
+    }
+    if (!unreadable.empty() || worst == nullptr) {
+        return unreadable;
+    }
+    return worst->name + ": " + VerdictWord(worst->verdict);
+}
+
 int Explain(const ExplainOptions& options) {
     if (!options.dll.empty()) {
         LibraryPath(options.dll);
@@ -384,9 +402,6 @@ int Explain(const ExplainOptions& options) {
     std::vector<ReadLog> logs;
     for (const std::string& path : options.logs) {
         logs.push_back(ReadOne(path));
-        if (!logs.back().unreadable.empty()) {
-            PrintError(logs.back().unreadable);
-        }
     }
     const bool unreadable =
         std::any_of(logs.begin(), logs.end(), [](const ReadLog& log) { return !log.unreadable.empty(); });
@@ -398,6 +413,10 @@ int Explain(const ExplainOptions& options) {
         PrintTable(logs);
     } else if (!unreadable) {
         PrintStory(logs[0]);
+    }
+    const std::string complaint = Complaint(logs);
+    if (!complaint.empty()) {
+        PrintError(complaint);
     }
     return unreadable ? kWrongUse : failure ? kFindings : kFine;
 }

@@ -112,6 +112,9 @@ void ParseOperation(std::string_view operation, LogLine& line) {
     } else if (TakePrefix(operation, "CustomActionRollback(")) {
         line.kind = Kind::RollbackCall;
         ParseCall(operation, line);
+    } else if (TakePrefix(operation, "CustomActionCommit(")) {
+        line.kind = Kind::CommitCall;
+        ParseCall(operation, line);
     } else {
         line.kind = Kind::Operation;
     }
@@ -261,6 +264,28 @@ bool Matches(std::string_view pattern, std::string_view text) {
 constexpr std::string_view kCutAtItsFront = "getMSIProductInfo::Failed with error";
 constexpr std::size_t kLeastOfIt = 5;
 
+/// Lines that stand in no action's own list: the one that any action writes, and the one that is a value
+/// alone.
+const LogText kOverflow = {
+    "CA buffer overflow", "a line that could not be formatted: what the action was to say is lost", {}};
+constexpr std::string_view kListsCopies = "GetRelatedMSIVersions";
+const LogText kVersionAlone = {"%s", "the version of an installed copy", {}};
+
+bool IsVersion(std::string_view text) {
+    return text.find('.') != std::string_view::npos && IsDigit(text.front()) &&
+           text.find_first_not_of("0123456789.") == std::string_view::npos;
+}
+
+/// What a line means that no text of the action's list is; null for nothing.
+const LogText* MeaningOfUnlisted(const ActionFacts& facts, std::string_view line) {
+    if (line == kOverflow.text) {
+        return &kOverflow;
+    }
+    const bool lists = std::any_of(facts.log.begin(), facts.log.end(),
+                                   [](const LogText& text) { return text.text == kListsCopies; });
+    return lists && IsVersion(line) ? &kVersionAlone : nullptr;
+}
+
 }  // namespace
 
 LogLine ParseLogLine(std::string_view text) {
@@ -294,7 +319,7 @@ const LogText* MeaningOf(const ActionFacts& facts, std::string_view line) {
             return &text;
         }
     }
-    return nullptr;
+    return MeaningOfUnlisted(facts, trimmed);
 }
 
 }  // namespace corvi::tool

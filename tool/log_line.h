@@ -23,6 +23,7 @@ struct LogLine {
         Operation,      ///< an operation of the script that is no custom action
         ScheduledCall,  ///< name, target, number: the type, data: run from the script
         RollbackCall,   ///< the same, while the script is rolled back
+        CommitCall,     ///< the same, when the script has come to its end
         Invoking,       ///< target: the entry point
         ReturnedCode,   ///< name, number; ignored: translated to success
         Error,          ///< the installer's error message: number, text

@@ -19,6 +19,7 @@ constexpr std::string_view kWholeSequence = "INSTALL";
 constexpr std::string_view kRollbackSuffix = ".Rollback";
 /// The type bits of a call: in the script, only when it is rolled back, and whatever its result.
 constexpr long long kRollbackType = 0x100;
+constexpr long long kCommitType = 0x200;
 constexpr long long kContinueType = 0x40;
 
 /// The export that a name of a package stands for, as the include names its actions; null for others.
@@ -55,6 +56,7 @@ void LogStory::Read(std::string_view text) {
             break;
         case Kind::ScheduledCall:
         case Kind::RollbackCall:
+        case Kind::CommitCall:
             EndOperation(line);
             Call(line);
             break;
@@ -177,8 +179,9 @@ void LogStory::Call(const LogLine& line) {
     if (open.run.facts == nullptr) {
         open.run.facts = FactsOfName(line.name, rollbackByName);
     }
-    if (open.run.facts == nullptr || (open.run.rollback && line.kind == Kind::ScheduledCall)) {
-        // Another library's, or only kept for a rollback.
+    const bool kept = open.run.rollback || (line.number & kCommitType) != 0;
+    if (open.run.facts == nullptr || (kept && line.kind == Kind::ScheduledCall)) {
+        // Another library's, or only kept for the rollback or the commit.
         return;
     }
     open.run.fromScript = true;
@@ -246,8 +249,11 @@ void LogStory::TakeCode(const LogLine& line) {
     const auto code = static_cast<std::uint32_t>(line.number);
     const auto take = [&](LoggedRun& run) {
         run.code = code;
-        if (line.ignored) {
-            run.ignored = true;
+        // An action whose process ends fails the install whatever its attributes: the log then says nothing
+        // of a translation.
+        run.failedAnyway = !line.ignored && code != 0 && run.ignored.value_or(false);
+        if (line.ignored || run.failedAnyway) {
+            run.ignored = line.ignored;
         }
     };
     for (auto& [thread, open] : calls_) {

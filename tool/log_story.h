@@ -47,6 +47,7 @@ struct LoggedRun {
     std::optional<std::uint32_t> code;  ///< what it returned, where the log says so
     std::optional<int> returnValue;     ///< the installer's word: 1 success, 2 cancelled, 3 failure
     std::optional<bool> ignored;        ///< the package's Return="ignore", where the log says so
+    bool failedAnyway = false;          ///< its result was to be ignored, and the log says it was not
     std::string error;                  ///< the installer's own message about it
     Verdict verdict = Verdict::Done;
     std::string result;     ///< the result in words

@@ -1,5 +1,7 @@
 #include "tool/log_story.h"
 
+#include "tool/facts_text.h"
+
 namespace corvi::tool {
 namespace {
 
@@ -8,6 +10,9 @@ constexpr std::uint32_t kUserExit = 1602;
 constexpr int kSuccess = 1;
 constexpr int kCancelled = 2;
 constexpr int kFinished = 5;
+// What the installer says of an action that it could not call.
+constexpr std::uint32_t kNoSuchEntryPoint = 1154;
+constexpr std::uint32_t kLibraryNotLoaded = 1157;
 
 bool IsIgnored(const LoggedRun& run) {
     return run.ignored ? *run.ignored : run.rollback || run.facts->onResult == Return::Ignore;
@@ -53,7 +58,7 @@ std::string SuccessMeaning(const ActionFacts& facts) {
 /// The outcome of a run whose number the log tells.
 Outcome WithCode(LoggedRun& run) {
     const Result* result = ResultMeaning(*run.facts, *run.code);
-    run.result = std::to_string(*run.code);
+    run.result = ResultNumber(*run.code);
     if (result != nullptr) {
         run.result += " (" +
                       std::string(result->outcome == Outcome::Failed    ? "failed"
@@ -70,7 +75,11 @@ Outcome WithCode(LoggedRun& run) {
     if (*run.code == 0) {
         return Outcome::Done;
     }
-    run.result += " (failed): " + EscapedError(*run.facts);
+    run.result +=
+        " (failed): " + (*run.code == kNoSuchEntryPoint ? "the library in the package has no such entry point"
+                         : *run.code == kLibraryNotLoaded
+                             ? "the library could not be loaded: one that it needs is missing"
+                             : EscapedError(*run.facts));
     return Outcome::Failed;
 }
 
@@ -79,7 +88,7 @@ Outcome WithReturnValue(LoggedRun& run) {
     if (*run.returnValue == kSuccess) {
         if (run.facts->results.size() == 1) {
             const Result& only = run.facts->results[0];
-            run.result = std::to_string(only.code.value_or(0)) + " (done): " + only.meaning;
+            run.result = ResultNumber(only.code.value_or(0)) + " (done): " + only.meaning;
         } else if (IsIgnored(run)) {
             run.result = "not in the log: the installer says success whatever the action returns";
         } else {
@@ -104,7 +113,7 @@ Outcome WithReturnValue(LoggedRun& run) {
         run.result = "not in the log (failed): " + EscapedError(*run.facts);
         return Outcome::Failed;
     }
-    run.result = std::to_string(failure->code.value_or(1603)) + " (" +
+    run.result = ResultNumber(failure->code.value_or(1603)) + " (" +
                  (failure->outcome == Outcome::Refused ? "refused" : "failed") + "): " + failure->meaning;
     if (!MissingKeys(*run.facts).empty()) {
         run.result += "; or " + EscapedError(*run.facts);
@@ -136,8 +145,10 @@ void JudgeChecked(LoggedRun& run, Outcome outcome) {
         run.installer = "1602: the installer ends as cancelled";
     } else {
         run.verdict = outcome == Outcome::Refused ? Verdict::Refused : Verdict::Failed;
-        run.installer = "Return=\"check\": the install fails (1603)" +
-                        std::string(run.fromScript ? " and what was done is rolled back" : "");
+        run.installer =
+            std::string(run.failedAnyway ? "an action that ends so is not ignored" : "Return=\"check\"") +
+            ": the install fails (1603)" +
+            std::string(run.fromScript ? " and what was done is rolled back" : "");
         if (outcome == Outcome::Done || outcome == Outcome::Nothing) {
             run.installer += ". This result is a success: declare the action Return=\"ignore\"";
         }

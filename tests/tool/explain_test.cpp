@@ -73,7 +73,7 @@ constexpr int kIgnored = 3137;
 TEST(Explain, AFailedInstallOfWindowsShape) {
     const ToolRun run = RunTool(L"explain windows_failed.log");
     EXPECT_EQ(1u, run.exitCode);
-    EXPECT_EQ("", run.error);
+    EXPECT_EQ("corvi: RegisterCamera: failed\n", run.error);
     EXPECT_THAT(run.output, StartsWith("windows_failed.log\nTAVO Settings; the installer's result: 1603\n"
                                        "6 actions of the library, 1 failed\n"));
     EXPECT_THAT(PartOf(run.output, "BlockLaunch: done"), AllOf(HasSubstr("ran         16:42:34, immediately"),
@@ -166,7 +166,7 @@ TEST(Explain, EveryCutOfALogIsRead) {
     for (size_t size = 200; size < text.size(); size += 1777) {
         const ToolRun run = ExplainText(text.substr(0, size));
         EXPECT_GE(1u, run.exitCode) << size;
-        EXPECT_EQ("", run.error) << size;
+        EXPECT_EQ(run.exitCode, LineCount(run.error)) << size;
     }
 }
 
@@ -199,6 +199,45 @@ TEST(Explain, ASuccessThatFailsTheInstallNamesTheMend) {
     EXPECT_EQ(1u, run.exitCode);
     EXPECT_THAT(run.output, AllOf(HasSubstr("1 (done)"), HasSubstr("declare the action"),
                                   HasSubstr("Return=\"ignore\"")));
+}
+
+TEST(Explain, ANegativeResultIsShownAsItIsMeant) {
+    const ToolRun run = ExplainText(OneAction(
+        "DeleteHXFolder", kIgnored, "", "-1 but will be translated to success due to continue marking"));
+    EXPECT_THAT(run.output,
+                AllOf(HasSubstr("result      0xFFFFFFFF (failed)"), Not(HasSubstr("4294967295"))));
+    EXPECT_EQ("corvi: DeleteHXFolder: failed, ignored\n", run.error);
+}
+
+TEST(Explain, AResultThatTheInstallerDidNotTranslateFailsTheInstall) {
+    const ToolRun run = ExplainText(OneAction("DeleteHXNoUpgrade", kIgnored, "", "1603 (note this)"));
+    EXPECT_THAT(run.output, AllOf(HasSubstr("DeleteHXNoUpgrade: failed\n"), HasSubstr("is not ignored"),
+                                  Not(HasSubstr("the install goes on"))));
+}
+
+TEST(Explain, AnActionThatTheInstallerCouldNotCallSaysWhy) {
+    EXPECT_THAT(ExplainText(OneAction("DeleteQELKey", kChecked, "", "1154 (note this)")).output,
+                HasSubstr("no such entry point"));
+    EXPECT_THAT(ExplainText(OneAction("DeleteQELKey", kChecked, "", "1157 (note this)")).output,
+                HasSubstr("could not be loaded"));
+}
+
+TEST(Explain, WhatIsKeptForTheCommitRunsThen) {
+    constexpr int kCommit = kIgnored | 0x200;
+    const std::string kept = OneAction("TrackDVRAnalytics", kCommit, "", "");
+    EXPECT_THAT(ExplainText(kept).output, HasSubstr("no action of the library ran"));
+    std::string committed =
+        OneAction("TrackDVRAnalytics", kCommit, "", "1 but will be translated to success");
+    committed.replace(committed.find("CustomActionSchedule"), 20, "CustomActionCommit");
+    EXPECT_THAT(ExplainText(committed).output, HasSubstr("1 (done): the tracking key was created"));
+}
+
+TEST(Explain, AVersionAloneIsAnInstalledCopys) {
+    EXPECT_THAT(
+        ExplainText(OneAction("CheckForClients", kChecked, "GetRelatedMSIVersions\n1.5.0\n", "")).output,
+        HasSubstr("    1.5.0\n      = the version of an installed copy\n"));
+    EXPECT_THAT(ExplainText(OneAction("PreInstallPPC", kIgnored, "1.5.0\nCA buffer overflow\n", "")).output,
+                AllOf(HasSubstr("    1.5.0\n    CA buffer overflow\n      = a line that could not be")));
 }
 
 TEST(Explain, SkippingTheRestIsNoFailure) {
@@ -279,6 +318,12 @@ TEST(Explain, WhatCannotBeReadIsWrongUse) {
         EXPECT_EQ("", run.output);
         EXPECT_EQ(1u, LineCount(run.error)) << run.error;
     }
+}
+
+TEST(Explain, SeveralUnreadableLogsAreOneLine) {
+    const ToolRun run = RunTool(L"explain missing.log other.log");
+    EXPECT_EQ(2u, run.exitCode);
+    EXPECT_EQ("corvi: missing.log: no such file; other.log: no such file\n", run.error);
 }
 
 TEST(Explain, OneUnreadableLogAmongOthersIsSaidAndTheOthersAreRead) {
