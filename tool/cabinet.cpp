@@ -31,7 +31,10 @@ struct Extraction {
     std::map<std::string, std::string> files;
 };
 
-MemoryFile* AsFile(INT_PTR handle) { return reinterpret_cast<MemoryFile*>(handle); }
+// The cabinet functions hand a file over as a number.
+MemoryFile* AsFile(INT_PTR handle) {
+    return reinterpret_cast<MemoryFile*>(handle);  // NOLINT(performance-no-int-to-ptr)
+}
 
 void* DIAMONDAPI Allocate(ULONG bytes) { return std::malloc(bytes); }
 

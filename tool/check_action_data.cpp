@@ -4,6 +4,7 @@
 #include <set>
 
 #include "tool/check_findings.h"
+#include "tool/condition_text.h"
 
 // The action data of deferred actions: whether it is there when the action is written to the script, and
 // whether its text says what the action reads.
@@ -182,10 +183,17 @@ bool KnownKey(const ActionFacts& facts, const std::string& name) {
                        [&](const DataKey& key) { return key.name == name; });
 }
 
-// Data that a property brings along whole cannot be read here.
-bool HasOpaqueEntry(const std::vector<Entry>& entries) {
-    return std::any_of(entries.begin(), entries.end(), [](const Entry& entry) {
-        return !entry.text.empty() && entry.text[0] == '[' && entry.text.find(']') != std::string::npos;
+// Data that a property brings along whole cannot be read here. A directory is a path and brings no keys.
+bool HasOpaqueEntry(const CheckedPackage& package, const std::vector<Entry>& entries) {
+    const auto& directories = package.tables.directories;
+    return std::any_of(entries.begin(), entries.end(), [&](const Entry& entry) {
+        const std::size_t close = entry.text.find(']');
+        if (entry.text.empty() || entry.text[0] != '[' || close == std::string::npos) {
+            return false;
+        }
+        const std::string name = entry.text.substr(1, close - 1);
+        return !name.empty() && std::all_of(name.begin(), name.end(), IsPropertyNamePart) &&
+               std::find(directories.begin(), directories.end(), name) == directories.end();
     });
 }
 
@@ -193,8 +201,9 @@ std::string Misuse(const DataKey& key) {
     return key.misuse.empty() ? "The action then reads another part of the text." : key.misuse;
 }
 
-std::optional<Finding> CheckAbsentKey(const CheckedAction& checked, const DataKey& key,
-                                      const std::vector<Entry>& entries, const std::string& setter) {
+std::optional<Finding> CheckAbsentKey(const CheckedPackage& package, const CheckedAction& checked,
+                                      const DataKey& key, const std::vector<Entry>& entries,
+                                      const std::string& setter) {
     const std::string& id = checked.Id();
     for (const Entry& entry : entries) {
         const std::string written = entry.Key();
@@ -217,7 +226,7 @@ std::optional<Finding> CheckAbsentKey(const CheckedAction& checked, const DataKe
                            "Put ';' between the entries in " + setter + "."};
         }
     }
-    if (key.optional || HasOpaqueEntry(entries)) {
+    if (key.optional || HasOpaqueEntry(package, entries)) {
         return std::nullopt;
     }
     return Finding{"data-key-missing", id,
@@ -225,14 +234,14 @@ std::optional<Finding> CheckAbsentKey(const CheckedAction& checked, const DataKe
                    "Write \"" + key.name + key.example + "\" in " + setter + "."};
 }
 
-std::optional<Finding> CheckKey(const CheckedAction& checked, const DataKey& key,
-                                const std::vector<Entry>& entries, const std::string& data,
-                                const std::string& setter) {
+std::optional<Finding> CheckKey(const CheckedPackage& package, const CheckedAction& checked,
+                                const DataKey& key, const std::vector<Entry>& entries,
+                                const std::string& data, const std::string& setter) {
     const auto own = std::find_if(entries.begin(), entries.end(),
                                   [&](const Entry& entry) { return entry.Key() == key.name; });
     const std::string& id = checked.Id();
     if (own == entries.end()) {
-        return CheckAbsentKey(checked, key, entries, setter);
+        return CheckAbsentKey(package, checked, key, entries, setter);
     }
     if (data.find(key.name) < own->at) {
         return Finding{
@@ -297,7 +306,7 @@ std::optional<Finding> CheckText(const CheckedPackage& package, const CheckedAct
     }
     const std::vector<Entry> entries = Entries(run.data);
     for (const DataKey& key : checked.facts->data.keys) {
-        if (auto finding = CheckKey(checked, key, entries, run.data, setter)) {
+        if (auto finding = CheckKey(package, checked, key, entries, run.data, setter)) {
             return finding;
         }
     }

@@ -3,6 +3,7 @@
 #include <optional>
 
 #include "tool/check_findings.h"
+#include "tool/facts_text.h"
 
 // How the actions are declared: entry point, deferred or immediate, impersonation, result, and whether the
 // place in the sequence fits that.
@@ -117,10 +118,6 @@ void CheckImpersonation(const CheckedAction& checked, Findings& findings) {
 }
 
 bool IsSuccess(Outcome outcome) { return outcome == Outcome::Done || outcome == Outcome::Nothing; }
-
-std::string CodeText(const Result& result) {
-    return result.code ? std::to_string(*result.code) : "a result that is not 0";
-}
 
 // The first result of the action other than 0 that `wanted` asks for.
 template <typename Wanted>

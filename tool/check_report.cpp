@@ -94,7 +94,7 @@ std::string Matrix(const CheckedPackage& package) {
 }
 
 std::string FindingText(const Finding& finding) {
-    return finding.id + ": " + finding.action + "\n" + Wrap(finding.reason, "  ", "  ") +
+    return Wrap(finding.id + ": " + finding.action, "", "  ") + Wrap(finding.reason, "  ", "  ") +
            Wrap("mend: " + finding.mend, "  ", "        ");
 }
 
@@ -119,13 +119,6 @@ std::string Sources(const CheckedPackage& package) {
         text += (text.empty() ? "" : ", ") + source;
     }
     return text;
-}
-
-std::string Verdict(const CheckReport& report) {
-    return (report.findings.empty() ? std::string("No findings") : Count(report.findings.size(), "finding")) +
-           (report.suppressed.empty() ? ""
-                                      : ", " + std::to_string(report.suppressed.size()) + " suppressed") +
-           ".\n";
 }
 
 Json FindingJson(const Finding& finding) {
@@ -153,6 +146,11 @@ Json ActionJson(const CheckedPackage& package, const SequenceRow& row) {
 
 }  // namespace
 
+std::string CountInWords(const CheckReport& report) {
+    return (report.findings.empty() ? std::string("No findings") : Count(report.findings.size(), "finding")) +
+           (report.suppressed.empty() ? "" : ", " + std::to_string(report.suppressed.size()) + " suppressed");
+}
+
 std::string CheckReportText(const CheckReport& report) {
     const CheckedPackage& package = report.package;
     std::string text = Wrap(PackageLine(package));
@@ -166,13 +164,13 @@ std::string CheckReportText(const CheckReport& report) {
         text += FindingText(finding) + "\n";
     }
     for (const SuppressedFinding& kept : report.suppressed) {
-        text += "suppressed: " + kept.finding.id + ": " + kept.finding.action + "\n" +
+        text += Wrap("suppressed: " + kept.finding.id + ": " + kept.finding.action, "", "  ") +
                 Wrap(kept.finding.reason, "  ", "  ") + Wrap("kept: " + kept.reason, "  ", "        ") + "\n";
     }
     for (const Suppression& unused : report.unused) {
         text += Wrap("note: nothing to suppress for " + unused.id + " " + unused.action, "", "  ") + "\n";
     }
-    return text + Verdict(report);
+    return text + CountInWords(report) + ".\n";
 }
 
 std::string CheckReportJson(const CheckReport& report) {

@@ -16,6 +16,9 @@ struct CheckReport {
     std::vector<Suppression> unused;  ///< suppressions that no finding needed
 };
 
+/// "2 findings, 1 suppressed"; "No findings".
+std::string CountInWords(const CheckReport& report);
+
 /// The matrix and the findings within the output's columns.
 std::string CheckReportText(const CheckReport& report);
 

@@ -100,6 +100,13 @@ void CheckDeletion(const CheckedPackage& package, const CheckedAction& checked, 
                                 ", and runs when a newer version removes this one, which still needs it.",
                             "A condition such as " + checked.facts->condition + "."});
     }
+    if (deletes.notInNewVersion && repairs.empty() && RemovesOlder(package) &&
+        package.schedule.MayRun(id, Scenario::UpgradeNew)) {
+        findings.push_back({"deletes-on-upgrade", id,
+                            "\"" + id + "\" deletes " + deletes.what +
+                                ", and runs when this version replaces an older one, whose data that may be.",
+                            "A condition such as " + checked.facts->condition + "."});
+    }
 }
 
 bool RefusesInstall(const ActionFacts& facts) {

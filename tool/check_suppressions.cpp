@@ -11,6 +11,7 @@ namespace {
 
 constexpr char kPropertyPrefix[] = "CorviSuppress";
 constexpr char kBlanks[] = " \t\r";
+constexpr char kMark[] = "\xEF\xBB\xBF";  // that editors put in front of UTF-8
 
 std::string TakeWord(std::string& text) {
     const std::size_t start = std::min(text.find_first_not_of(kBlanks), text.size());
@@ -54,6 +55,9 @@ std::vector<Suppression> FileSuppressions(const std::wstring& path) {
     int number = 0;
     for (std::string line; std::getline(file, line);) {
         ++number;
+        if (number == 1 && line.compare(0, sizeof(kMark) - 1, kMark) == 0) {
+            line.erase(0, sizeof(kMark) - 1);
+        }
         const std::size_t start = line.find_first_not_of(kBlanks);
         if (start != std::string::npos && line[start] != '#') {
             suppressions.push_back(Parse(line, "line " + std::to_string(number) + " of the suppressions"));

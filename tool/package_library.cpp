@@ -201,17 +201,18 @@ const LibraryAction* PackageLibrary::Find(const std::string& id) const {
     return found == actions.end() ? nullptr : &*found;
 }
 
-PackageLibrary FindLibrary(const PackageDatabase& database, const PackageTables& tables) {
+PackageLibrary FindLibrary(const PackageDatabase& database, const PackageTables& tables,
+                           const std::optional<DllExports>& named) {
     PackageLibrary library;
     BinaryRows binaries(database);
     std::set<std::string> sources;
     for (const CustomActionRow& row : tables.customActions) {
         const unsigned basic = row.type & kBasicType;
         if (basic == kDllInBinaryTable && binaries.Library(row.source)) {
-            library.actions.push_back(MakeAction(row, *binaries.Library(row.source)));
+            library.actions.push_back(MakeAction(row, named ? *named : *binaries.Library(row.source)));
             sources.insert("Binary " + row.source);
         } else if (basic == kDllInstalled && InstalledLibrary(tables, row.source)) {
-            library.actions.push_back(MakeAction(row, {}));
+            library.actions.push_back(MakeAction(row, named.value_or(DllExports{})));
             sources.insert("File " + row.source);
         }
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -45,7 +46,9 @@ struct PackageLibrary {
 };
 
 /// Tells the library by what it is, not only by its name: a Binary row that exports its functions, or is
-/// named after it; an installed file that is named after it.
-PackageLibrary FindLibrary(const PackageDatabase& database, const PackageTables& tables);
+/// named after it; an installed file that is named after it. Entry points are looked up in `named`, else
+/// in the package's own copy.
+PackageLibrary FindLibrary(const PackageDatabase& database, const PackageTables& tables,
+                           const std::optional<DllExports>& named);
 
 }  // namespace corvi::tool

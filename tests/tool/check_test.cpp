@@ -24,7 +24,7 @@ std::wstring Quoted(const std::wstring& text) { return L"\"" + text + L"\""; }
 
 Json CheckAsJson(const std::wstring& package) {
     const ToolRun run = RunTool(L"check " + Quoted(package) + L" --json");
-    EXPECT_EQ("", run.error);
+    EXPECT_EQ(run.exitCode, LineCount(run.error)) << run.error;
     return Json::parse(run.output);
 }
 
@@ -181,6 +181,10 @@ const Mistake kMistakes[] = {
      "CheckForClients",
      {SetTarget(L"CheckForClients.Data", L"ClientName=[CLIENTNAME];CurrentVersion=[ProductVersion]")},
      "ActionDataWithoutAKey"},
+    {"data-key-missing",
+     "DeleteServiceIfBinaryIsInDirectory",
+     {SetTarget(L"DeleteServiceIfBinaryIsInDirectory.Data", L"ServiceName=CleanService;[INSTALLFOLDER]")},
+     "ADirectoryInPlaceOfAKey"},
     {"data-key-misspelt",
      "CheckForClients",
      {SetTarget(L"CheckForClients.Data",
@@ -218,6 +222,19 @@ const Mistake kMistakes[] = {
      "DeleteServiceIfBinaryIsInDirectory",
      {SetCondition(L"DeleteServiceIfBinaryIsInDirectory", L"REMOVE=\"ALL\"")},
      "ADeletionOnUpgradeWithoutItsData"},
+    {"deletes-on-upgrade",
+     "DeleteQELKey",
+     {SetCondition(L"DeleteQELKey", L"NOT Installed")},
+     "ADeletionOfWhatTheOlderVersionWrote"},
+    {"deletes-on-repair",
+     "CheckForClients",
+     {SetCondition(L"CheckForClients", L"NOT UPGRADINGPRODUCTCODE"),
+      SetCondition(L"CheckForClients.Data", L"NOT UPGRADINGPRODUCTCODE")},
+     "ADeletionOfItsOwnRegistration"},
+    {"deletes-on-repair",
+     "PreInstallPPC",
+     {Schedule(L"InstallExecuteSequence", L"PreInstallPPC", L"NOT REMOVE", 1560)},
+     "ADeletionOfFilesThatRepairLeavesOut"},
     {"guard-on-uninstall",
      "BlockLaunch",
      {SetCondition(L"BlockLaunch", L"NOT REINSTALL")},
@@ -291,7 +308,7 @@ TEST_P(CheckFinds, JustThisMistake) {
     ChangePackage(kClean, kChanged, mistake.statements);
     const ToolRun run = RunTool(L"check " + Quoted(kChanged));
     EXPECT_EQ(1u, run.exitCode);
-    EXPECT_EQ("", run.error);
+    EXPECT_EQ("corvi: 'C:\\corvi\\check_changed.msi': 1 finding\n", run.error);
     EXPECT_THAT(run.output, AllOf(HasSubstr(std::string(mistake.id) + ": " + mistake.action + "\n"),
                                   HasSubstr("\n1 finding.\n")));
     EXPECT_GE(80u, LongestLine(run.output));
@@ -468,6 +485,30 @@ void ExpectUnusable(const std::wstring& arguments, const std::string& word) {
     EXPECT_EQ(1u, LineCount(run.error)) << run.error;
 }
 
+TEST(Check, AFileOfSuppressionsMayBeginWithAByteOrderMark) {
+    WriteBytes(L"C:\\corvi\\keep.txt", "\xEF\xBB\xBFno-rollback CreateLogonSchTask the task is harmless\r\n");
+    ChangePackage(kClean, kChanged, {Unschedule(L"CreateLogonSchTask.Rollback")});
+    EXPECT_EQ(0u, RunTool(L"check check_changed.msi --suppress keep.txt").exitCode);
+}
+
+TEST(Check, ANameOfFullLengthFitsTheConsole) {
+    const std::wstring name = std::wstring(72, L'A');
+    ChangePackage(kClean, kChanged,
+                  {L"INSERT INTO `CustomAction` (`Action`,`Type`,`Source`,`Target`) VALUES ('" + name +
+                       L"',1,'Corvi_CA','BlockLaunch')",
+                   Schedule(L"InstallExecuteSequence", name, L"", 61)});
+    const ToolRun run = RunTool(L"check check_changed.msi");
+    EXPECT_EQ(1u, run.exitCode);
+    EXPECT_GE(80u, LongestLine(run.output));
+}
+
+TEST(Check, EntryPointsAreLookedUpInTheLibraryThatIsNamed) {
+    EXPECT_EQ(0u, RunTool(L"check check_clean.msi --dll Corvi_CA.dll").exitCode);
+    const ToolRun run = RunTool(L"check check_clean.msi --dll media_source.dll");
+    EXPECT_EQ(1u, run.exitCode);
+    EXPECT_THAT(run.output, HasSubstr("unknown-entry-point: BlockLaunch\n"));
+}
+
 TEST(Check, ASuppressionWithoutReasonIsWrongUsage) {
     WriteBytes(L"C:\\corvi\\keep.txt", "no-rollback CreateLogonSchTask\n");
     ExpectUnusable(L"check_clean.msi --suppress keep.txt", "line 1");
@@ -484,6 +525,8 @@ TEST(Check, WhatIsNoPackageIsNamedInOneLine) {
     WriteBytes(L"C:\\corvi\\empty.msi", "");
     ExpectUnusable(L"empty.msi", "empty.msi");
     ExpectUnusable(L"check_clean.msi other.msi", "other.msi");
+    ExpectUnusable(L"check_clean.msi --dll nowhere.dll", "nowhere.dll");
+    ExpectUnusable(L"check_clean.msi --dll keep.txt", "keep.txt");
 }
 
 TEST(Check, APackageWithoutTheLibrarySaysSo) {
