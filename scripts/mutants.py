@@ -102,11 +102,10 @@ class Coverage:
     def find(self, path):
         mirrored = self.mirrored(path)
         naming = [program for program in self.texts if self.names(program, path)]
-        users = []
-        if not mirrored:
-            header = pathlib.Path(path).with_suffix(".h")
-            including = [name for name, text in self.sources.items() if f'"{header}"' in text]
-            users = [program for name in including for program in self.mirrored(name)]
+        # What only a user's work shows (which key is opened, and how) only the user's test can see.
+        header = pathlib.Path(path).with_suffix(".h")
+        including = [name for name, text in self.sources.items() if f'"{header}"' in text]
+        users = [program for name in including for program in self.mirrored(name)]
         folder = [program for program in self.texts if self.folders[program] == path.split("/")[0]]
         return list(dict.fromkeys(mirrored + naming + users or folder))
 
@@ -169,10 +168,10 @@ class Base:
         self.core = {name: entry["file"] for name, entry in self.entries(entries, "CMakeFiles/corvi_core.dir/")}
         self.programs, self.objects = {}, {}
         for name, entry in self.entries(entries, "tests/"):
-            program = re.search(r'/CMakeFiles/(\w+_test)\.dir/', name)
+            program = re.match(r'tests/(?:\w+/)?CMakeFiles/(\w+_test)\.dir/', name)
             if program:
                 source = str(pathlib.Path(entry["file"]).relative_to(self.source))
-                if source.split("/")[1] not in OTHER_TESTS:
+                if program[0].split("/")[1] not in OTHER_TESTS:
                     self.programs.setdefault(program[1], []).append(source)
                     self.objects.setdefault(program[1], []).append(name)
 
@@ -194,9 +193,24 @@ class Base:
         commands = run(["ninja", "-t", "commands", "-s", target], cwd=self.build, check=True).stdout.strip()
         return commands.split("\n")[-1].split(" && ")[1]
 
-    def links_the_product(self, program):
-        texts = [(self.source / source).read_text(encoding="utf-8") for source in self.programs[program]]
-        return any(re.search(rf'#include "({"|".join(FOLDERS)})/', text) for text in texts)
+    def reached(self, program):
+        """The product's objects that a program may run itself, beside the DLL: those of the headers that it
+        includes and of the headers that these objects include, and what no header announces and no action is."""
+        headers = {}
+        for path, objects in self.depends.items():
+            if path.endswith(".h") and path.startswith(tuple(f"{self.source / folder}/" for folder in FOLDERS)):
+                for name in objects:
+                    headers.setdefault(name, set()).add(path)
+        of_header = {str(pathlib.Path(file).with_suffix(".h")): name for name, file in self.core.items()}
+        found = {name for name, file in self.core.items() if not pathlib.Path(file).with_suffix(".h").exists()
+                 and "__stdcall" not in pathlib.Path(file).read_text(encoding="utf-8")}
+        support = {name for name in headers if name.startswith("tests/") and "_test.dir/" not in name}
+        left = [*self.objects[program], *support, *found]
+        while left:
+            new = {of_header[path] for path in headers.get(left.pop(), ()) if path in of_header} - found
+            found |= new
+            left += new
+        return found
 
     def dependents(self, path):
         return self.depends.get(str(self.source / path), set())
@@ -259,13 +273,13 @@ class Worker:
             raise Invalid(self.fault.name)
 
     def program(self, name):
-        """The test program with the fault in it; the base's own where it calls the product through the DLL alone."""
-        if not self.base.links_the_product(name):
+        """The test program with the fault in it; the base's own where it meets the fault in the DLL alone."""
+        changed = [unit for unit in self.base.objects[name] if unit in self.base.dependents(self.fault.path)]
+        if not changed and not self.base.reached(name) & set(self.made):
             return self.base.build / f"tests/{name}.exe"
         made = self.output / f"{name}.exe"
-        for unit in self.base.objects[name]:
-            if unit in self.base.dependents(self.fault.path):
-                self.make_object(unit)
+        for unit in changed:
+            self.make_object(unit)
         self.make(f"tests/{name}.exe", made)
         return made
 

@@ -119,6 +119,26 @@ class Coverage(unittest.TestCase):
         self.assertEqual({"recording_vr_test", "launch_guard_test", "logon_tasks_test"},
                          set(coverage.of("runtime/session.h")))
 
+    def test_what_only_a_user_shows_its_users_are_asked_for_too(self):
+        programs = {"client_register_test": ["tests/msiregistry/client_register_test.cpp"],
+                    "launch_guard_test": ["tests/actions/launch_guard_test.cpp"],
+                    "analytics_consent_test": ["tests/actions/analytics_consent_test.cpp"]}
+        self.assertEqual(["client_register_test", "analytics_consent_test"],
+                         mutants.Coverage(ROOT, programs).of("msiregistry/client_register.cpp"))
+
+
+class Reach(unittest.TestCase):
+    def test_a_program_runs_itself_what_its_headers_announce_and_what_these_objects_include(self):
+        base = mutants.Base(ROOT, ROOT)
+        base.core = {name: str(ROOT / f"{name}.cpp") for name in (
+            "runtime/text", "runtime/process", "runtime/registry", "runtime/stack_guard", "actions/settings_app")}
+        base.objects = {"process_test": ["tests/runtime/process_test.dir/process_test"],
+                        "settings_app_test": ["tests/actions/settings_app_test.dir/settings_app_test"]}
+        base.depends = {str(ROOT / "runtime/process.h"): {"tests/runtime/process_test.dir/process_test"},
+                        str(ROOT / "runtime/text.h"): {"runtime/process"}}
+        self.assertEqual({"runtime/process", "runtime/text", "runtime/stack_guard"}, base.reached("process_test"))
+        self.assertEqual({"runtime/stack_guard"}, base.reached("settings_app_test"))
+
 
 class Score(unittest.TestCase):
     def test_counts_by_folder_what_was_caught_of_what_can_be_seen(self):
