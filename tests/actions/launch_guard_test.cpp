@@ -4,6 +4,8 @@
 #include <msiquery.h>
 #include <tlhelp32.h>
 
+#include <new>
+
 #include "tests/support/import_hooks.h"
 #include "tests/support/installer_session.h"
 #include "tests/support/library.h"
@@ -83,6 +85,15 @@ TEST_F(LaunchGuardTest, APropertyThatCannotBeReadCountsAsNotAvailable) {
     });
     EXPECT_EQ(library_.Call("BlockLaunch", session_.Handle()), kInstallFailure);
     ExpectBlockMessage();
+}
+
+TEST_F(LaunchGuardTest, AnErrorOnTheWayIsARefusal) {
+    session_.SetProperty(L"LAUNCHED_FROM_PIM", L"1");
+    ImportHooks hooks(library_.Module());
+    CORVI_HOOK(hooks, MsiGetPropertyW,
+               [](MSIHANDLE, LPCWSTR, LPWSTR, LPDWORD) -> UINT { throw std::bad_alloc(); });
+    EXPECT_EQ(library_.Call("LaunchedFromPIM", session_.Handle()), kSourceAbsent);
+    EXPECT_EQ(library_.Call("BlockLaunch", session_.Handle()), kInstallFailure);
 }
 
 class InstallManagerImages : public LaunchGuardTest, public testing::WithParamInterface<const wchar_t*> {};

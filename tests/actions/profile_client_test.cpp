@@ -984,15 +984,18 @@ TEST_F(UnInstallPpc, MovesWhatIsInUseOutOfTheWayForTheRestart) {
                        L"PendingFileRenameOperations");
 }
 
-TEST_F(UnInstallPpc, DeletesTheFolderOf64BitProgramsBeforeTheOther) {
+TEST_F(UnInstallPpc, DeletesTheFolderOf64BitProgramsThenTheOtherAndThenMovesWhatIsLeft) {
     WriteFile(kFolder + L"\\file.txt"s);
     WriteFile(kFolderX86 + L"\\file.txt"s);
     EXPECT_EQ(Call("UnInstallPPC"), 0U);
-    Lines files = journal.EntriesOf({L"file"});
-    std::erase_if(files, [](const std::wstring& entry) { return !entry.ends_with(L"\\file.txt"); });
-    ASSERT_EQ(files.size(), 2U);
-    EXPECT_THAT(files[0], EndsWith(kFolder + L"\\file.txt"s));
-    EXPECT_THAT(files[1], EndsWith(kFolderX86 + L"\\file.txt"s));
+    Lines steps = journal.EntriesOf({L"file", L"move"});
+    std::erase_if(steps, [](const std::wstring& entry) {
+        return entry.starts_with(L"file ") && !entry.ends_with(L"\\file.txt");
+    });
+    ASSERT_EQ(steps.size(), 6U);
+    EXPECT_THAT(steps[0], EndsWith(kFolder + L"\\file.txt"s));
+    EXPECT_THAT(steps[1], EndsWith(kFolderX86 + L"\\file.txt"s));
+    EXPECT_EQ(Lines(steps.begin() + 2, steps.end()), Moves());
 }
 
 TEST_F(UnInstallPpc, SetsTheInstallersFlagBeforeTheDriverServicesGo) {

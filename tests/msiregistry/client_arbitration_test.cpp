@@ -207,6 +207,14 @@ TEST_F(CheckForClients, ANameBelowASubkeyStandsForTheValueOfTheRegister) {
     EXPECT_EQ(Call(kUninstall), kKeepTuepForOthers);
 }
 
+TEST_F(CheckForClients, AnOwnNameBelowASubkeyIsTheNameThatIsWritten) {
+    Register(L"HX_TUEPStatus", 1);
+    WriteNumber(HKEY_LOCAL_MACHINE, std::wstring(kRegister) + L"\\Below", L"LSX_Beta_TUEPStatus", 1);
+    EXPECT_EQ(Call(kUninstall), kKeepTuepForOthers);
+    EXPECT_EQ(Registered(L"LSX_Beta_TUEPStatus"), 2U);
+    EXPECT_EQ(Registered(L"LSX_TUEPStatus"), std::nullopt);
+}
+
 TEST_F(CheckForClients, ARegisterThatCannotBeOpenedIsEmpty) {
     Register(L"HX_TUEPStatus", 1);
     CORVI_HOOK(hooks_, RegOpenKeyExW,

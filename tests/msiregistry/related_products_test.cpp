@@ -1,5 +1,9 @@
 #include "msiregistry/related_products.h"
 
+#include <windows.h>
+
+#include <msiquery.h>
+
 #include <gtest/gtest.h>
 
 #include <stdexcept>
@@ -187,6 +191,21 @@ TEST_F(RelatedProducts, AnErrorWhileAProductIsReadIsLoggedWithItsPlaceholderAndK
     ASSERT_FALSE(session_.LogLines().empty());
     EXPECT_EQ(session_.LogLines().back(),
               L"Unable to obtain MSI infomation. %hs Attempt to uninstall using msiexec");
+}
+
+TEST_F(RelatedProducts, AProductWhoseVersionCannotBeLoggedIsNotListed) {
+    Enumerate({kFirstCode});
+    CORVI_HOOK(hooks_, MsiGetProductInfoW, [](LPCWSTR, LPCWSTR property, LPWSTR buffer, LPDWORD) -> UINT {
+        lstrcpyW(buffer, property == std::wstring(L"VersionString") ? L"1.0" : L"a");
+        return ERROR_SUCCESS;
+    });
+    CORVI_HOOK(hooks_, MsiRecordSetStringW, [this](MSIHANDLE record, UINT field, LPCWSTR text) -> UINT {
+        if (text == std::wstring(L"1.0")) {
+            throw std::length_error("too long");
+        }
+        return CORVI_ORIGINAL(hooks_, MsiRecordSetStringW)(record, field, text);
+    });
+    EXPECT_TRUE(GetRelatedMSIVersions(session_.Handle(), kUpgradeCode).empty());
 }
 
 TEST_F(RelatedProducts, RealProductsUnderOneUpgradeCodeAreFoundWithVersionAndPackage) {

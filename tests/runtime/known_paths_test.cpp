@@ -93,11 +93,12 @@ TEST(GetKnownFolderPath, AListThatHasNoPathLeavesTheTextAndIsStillFreed) {
 
 class WindowsDirectory : public testing::Test {
 protected:
-    // What GetWindowsDirectoryW gives; an empty text makes it fail.
+    // What GetWindowsDirectoryW gives; an empty text makes it fail, with something left in the buffer.
     void Set(const std::wstring& directory) {
         CORVI_HOOK(hooks_, GetWindowsDirectoryW, [directory](LPWSTR buffer, UINT size) -> UINT {
             EXPECT_EQ(size, 260U);
             if (directory.empty()) {
+                std::wmemcpy(buffer, L"C:\\", 4);
                 SetLastError(ERROR_NOT_ENOUGH_MEMORY);
                 return 0;
             }
@@ -164,8 +165,9 @@ TEST_F(TemporaryDirectory, ThatDoesNotFitInto260CharactersGivesAnEmptyText) {
 
 TEST_F(TemporaryDirectory, ThatCannotBeReadGivesAnEmptyText) {
     auto hooks = HooksOfThisProgram();
-    CORVI_HOOK(hooks, GetTempPathW, [](DWORD size, LPWSTR) -> DWORD {
+    CORVI_HOOK(hooks, GetTempPathW, [](DWORD size, LPWSTR buffer) -> DWORD {
         EXPECT_EQ(size, 260U);
+        std::wmemcpy(buffer, L"C:\\", 4);
         return 0;
     });
     EXPECT_EQ(GetTemporaryDirectory(), L"");

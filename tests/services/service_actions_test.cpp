@@ -286,6 +286,23 @@ TEST_F(DeleteServiceAction, AsksTheManagerByTheNamedCallsOnly) {
     EXPECT_TRUE(manager.AllClosed());
 }
 
+TEST_F(DeleteServiceAction, EachPollIsLoggedThenPausesAndThenAsks) {
+    ScriptedManager manager(hooks);
+    ScriptBinaryPath(hooks);
+    Lines steps;
+    CORVI_HOOK(hooks, Sleep,
+               [&](DWORD) { steps.push_back(silentLines.empty() ? L"" : silentLines.back() + L" Pause."); });
+    CORVI_HOOK(hooks, QueryServiceStatus, [&](SC_HANDLE, LPSERVICE_STATUS status) -> BOOL {
+        steps.emplace_back(L"Asked.");
+        silentLines.clear();
+        status->dwCurrentState = steps.size() < 4 ? SERVICE_STOP_PENDING : SERVICE_STOPPED;
+        return TRUE;
+    });
+    EXPECT_EQ(Call(kName, L"C:\\corvi"), 0U);
+    EXPECT_THAT(steps, ElementsAre(L"Waiting for service to stop. Pause.", L"Asked.",
+                                   L"Waiting for service to stop. Pause.", L"Asked."));
+}
+
 TEST_F(DeleteServiceAction, AControlThatReportsStoppedIsNotPolled) {
     ScriptedManager manager(hooks);
     HookedClock clock(hooks);

@@ -191,6 +191,14 @@ TEST(StopServiceAndWait, WhileStopPendingSleepsATenthOfTheHintWithin1000And10000
     }
 }
 
+TEST(StopServiceAndWait, TheDebuggerHearsOfAPendingStopBeforeThePause) {
+    Scripted scripted({Stopping(5000), Stopped()});
+    Lines beforeThePause;
+    CORVI_HOOK(scripted.hooks, Sleep, [&](DWORD) { beforeThePause = scripted.debugger; });
+    EXPECT_EQ(StopServiceAndWait(kName), 1);
+    EXPECT_THAT(beforeThePause, ElementsAre(kStopPending));
+}
+
 TEST(StopServiceAndWait, AWaitHintOfZeroStillSleeps1000MillisecondsInEachPendingRound) {
     Scripted scripted({Stopping(0)});
     EXPECT_EQ(StopServiceAndWait(kName), 0);
