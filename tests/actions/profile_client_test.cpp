@@ -184,6 +184,19 @@ TEST_F(PreInstallPpc, DeletesTheFolderWithEverythingInIt) {
     EXPECT_TRUE(fs::exists(kFolderX86)) << "only the uninstall removes the 32-bit folder";
 }
 
+TEST_F(PreInstallPpc, DeletesTheFolderBeforeTheFilesThatMayHaveComeBack) {
+    WriteFile(kFolder + L"\\file.txt"s);
+    std::vector<bool> folderIsThere;
+    CORVI_HOOK(journal.Hooks(), DeleteFileW, [&](LPCWSTR path) -> BOOL {
+        if (std::wstring(path).ends_with(L"\\PPCSL.dll")) {
+            folderIsThere.push_back(fs::exists(kFolder));
+        }
+        return CORVI_ORIGINAL(journal.Hooks(), DeleteFileW)(path);
+    });
+    EXPECT_EQ(Call("PreInstallPPC"), 0U);
+    EXPECT_THAT(folderIsThere, ElementsAre(false));
+}
+
 TEST_F(PreInstallPpc, DeletesAFolderThatComesBackASecondTime) {
     bool goneBeforeTuep = false;
     CORVI_HOOK(journal.Hooks(), DeleteFileW, [&](LPCWSTR path) -> BOOL {

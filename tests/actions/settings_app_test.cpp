@@ -176,6 +176,19 @@ TEST_F(SparsePackageAssets, AssetsStringsAndResourcesGoAndTheRestStays) {
     EXPECT_THAT(session_.LogLines(), IsEmpty());
 }
 
+TEST_F(SparsePackageAssets, AssetsGoThenStringsThenResources) {
+    RegisterLocation(L"C:\\hx\\product");
+    std::vector<std::wstring> names;
+    ImportHooks hooks(library_.Module());
+    CORVI_HOOK(hooks, DeleteFileW, [&](LPCWSTR path) -> BOOL {
+        const std::wstring text = path;
+        names.push_back(text.substr(text.rfind(L'\\') + 1));
+        return DeleteFileW(path);
+    });
+    EXPECT_EQ(Call("DeleteHXSparsePackageAssets"), 0U);
+    EXPECT_THAT(names, ElementsAre(L"a.png", L"s.txt", L"resources.pri"));
+}
+
 TEST_F(SparsePackageAssets, ALocationMayEndInASeparator) {
     RegisterLocation(L"C:\\hx\\product\\");
     EXPECT_EQ(Call("DeleteHXSparsePackageAssets"), 0U);

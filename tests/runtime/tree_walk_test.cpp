@@ -94,6 +94,15 @@ TEST_F(TreeWalkTest, TheRootIsOpenedAsItselfWhateverSeparatorsStandBehindIt) {
     EXPECT_THAT(opened, ElementsAre(L"C:\\"));
 }
 
+TEST_F(TreeWalkTest, AFolderThatSomebodyHasOpenForWritingIsWalked) {
+    const std::wstring file = tree_.File(L"a\\file.txt");
+    const FileHandle writer(CreateFileW(tree_.Path(L"a").c_str(), GENERIC_WRITE,
+                                        FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                        OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    ASSERT_TRUE(writer);
+    EXPECT_THAT(Visited(tree_.Path(L"a")), ElementsAre(file));
+}
+
 TEST_F(TreeWalkTest, ABareDriveIsItsCurrentFolderAndNotItsRoot) {
     wchar_t before[MAX_PATH] = {};
     GetCurrentDirectoryW(MAX_PATH, before);
