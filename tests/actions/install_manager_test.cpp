@@ -13,6 +13,7 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/support/handle_count.h"
@@ -235,6 +236,19 @@ TEST_F(SetDCLogFileRegistryTest, ADriverKeyNameThatIsEmptyOrDoesNotFitItsBufferN
                });
     EXPECT_EQ(Call("SetDCLogFileRegistry"), 0U);
     EXPECT_THAT(opened, IsEmpty());
+}
+
+TEST_F(SetDCLogFileRegistryTest, ThePathIsWrittenBeforeItsSize) {
+    const Adapter adapter(L"0001", L"TAVO", kFirstDriver);
+    std::vector<std::wstring> written;
+    CORVI_HOOK(
+        hooks_, RegSetValueExW,
+        [&](HKEY key, LPCWSTR name, DWORD reserved, DWORD type, const BYTE* data, DWORD size) -> LSTATUS {
+            written.emplace_back(name);
+            return RegSetValueExW(key, name, reserved, type, data, size);
+        });
+    EXPECT_EQ(Call("SetDCLogFileRegistry"), 0U);
+    EXPECT_THAT(written, ElementsAre(L"DalDCELogFilePath", L"DalDCEFilePathSize"));
 }
 
 TEST_F(SetDCLogFileRegistryTest, TheDriversVersionIsReadAndLeftAsItIs) {
@@ -496,6 +510,17 @@ TEST_F(PostUnInstallKITETest, EndsTheProcessesFirstAndThenDeletesTheFourTasksInO
         EXPECT_THAT(runs[index + 1].commandLine,
                     testing::EndsWith(L" /delete /TN \"" + kManagerTasks[index] + L"\" /F"));
     }
+}
+
+TEST_F(PostUnInstallKITETest, TheManagersKeyIsOpenedForReadingOnly) {
+    std::vector<std::pair<std::wstring, REGSAM>> opened;
+    CORVI_HOOK(hooks_, RegOpenKeyExW,
+               [&](HKEY root, LPCWSTR path, DWORD options, REGSAM access, PHKEY key) -> LSTATUS {
+                   opened.emplace_back(path, access);
+                   return RegOpenKeyExW(root, path, options, access, key);
+               });
+    EXPECT_EQ(Call("PostUnInstallKITE"), 0U);
+    EXPECT_THAT(opened, ElementsAre(std::pair<std::wstring, REGSAM>(kManagerKey, KEY_READ)));
 }
 
 TEST_F(PostUnInstallKITETest, EachDeletionIsOneInterpreterThatIsWaitedForWithoutLimit) {

@@ -357,15 +357,18 @@ TEST_F(RecordingAnalytics, ATrackingKeyThatCannotBeLookedAtIsLeftAsItIs) {
     EXPECT_EQ(tracking_.Bytes(L"TAVODVR_Tracked"), (std::vector<BYTE>{7, 0, 0, 0}));
 }
 
-TEST_F(RecordingAnalytics, TheInstallKeyIsOpenedWithFullAccess) {
-    Enable(0);
+TEST_F(RecordingAnalytics, TheInstallKeyIsOpenedWithFullAccessAndTheTrackingKeyForReading) {
+    Enable(1);
+    std::vector<std::pair<std::wstring, REGSAM>> opened;
     ImportHooks hooks(library_.Module());
-    CORVI_HOOK(hooks, RegOpenKeyExW, [](HKEY root, LPCWSTR key, DWORD options, REGSAM access, PHKEY opened) {
-        EXPECT_STREQ(key, L"SOFTWARE\\QEL Technologies\\Install");
-        EXPECT_EQ(access, static_cast<REGSAM>(KEY_ALL_ACCESS));
-        return RegOpenKeyExW(root, key, options, access, opened);
+    CORVI_HOOK(hooks, RegOpenKeyExW, [&](HKEY root, LPCWSTR key, DWORD options, REGSAM access, PHKEY result) {
+        opened.emplace_back(key, access);
+        return RegOpenKeyExW(root, key, options, access, result);
     });
-    EXPECT_EQ(Call(), 0U);
+    EXPECT_EQ(Call(), 1U);
+    EXPECT_THAT(opened,
+                ElementsAre(std::make_pair(L"SOFTWARE\\QEL Technologies\\Install", REGSAM{KEY_ALL_ACCESS}),
+                            std::make_pair(L"SOFTWARE\\TAVODVR", REGSAM{KEY_READ})));
 }
 
 TEST_F(RecordingAnalytics, TheInstallKeyIsClosedTwiceWhenTheValueIsNotOneAndOnceOtherwise) {

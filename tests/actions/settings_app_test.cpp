@@ -397,6 +397,20 @@ TEST_F(InstallDirFolder, TheRegisteredLocationIsLoggedAndDeleted) {
                                         kInstallLocation + L"C:\\hx\\product\\ \n"));
 }
 
+TEST_F(InstallDirFolder, TheLocationIsLoggedBeforeAnythingOfItGoes) {
+    RefuseToStartTools();
+    RegisterLocation(L"C:\\hx\\product");
+    std::vector<std::wstring> lastLines;
+    ImportHooks hooks(library_.Module());
+    CORVI_HOOK(hooks, DeleteFileW, [&](LPCWSTR path) -> BOOL {
+        lastLines.push_back(OwnLines().back());
+        return DeleteFileW(path);
+    });
+    EXPECT_EQ(Call("DeleteHXINSTALLDIRFolder"), 0U);
+    ASSERT_FALSE(lastLines.empty());
+    EXPECT_EQ(lastLines.front(), kInstallLocation + L"C:\\hx\\product \n");
+}
+
 TEST_F(InstallDirFolder, WithoutTheKeyTheActionDataIsTheLocation) {
     RefuseToStartTools();
     session_.SetActionData(L"C:\\hx\\product");

@@ -406,6 +406,23 @@ TEST_F(CheckForClients, KeepingACopyWritesNoDriverCopyOfTheStatus) {
     EXPECT_EQ(DriverCopy(), std::nullopt);
 }
 
+TEST_F(CheckForClients, KeepingACopyIsLoggedBeforeItIsRecorded) {
+    const InstalledProduct same(L"tuep_2", L"02");
+    Register(L"LSX_TUEPStatus", 2);
+    Lines linesAtRecord;
+    CORVI_HOOK(
+        hooks_, RegSetValueExW,
+        [&](HKEY key, LPCWSTR name, DWORD reserved, DWORD type, const BYTE* data, DWORD size) -> LSTATUS {
+            if (name == std::wstring(L"LSX_TUEPStatus")) {
+                linesAtRecord = session_.LogLines();
+            }
+            return RegSetValueExW(key, name, reserved, type, data, size);
+        });
+    EXPECT_EQ(Call(kInstallVersion2), kKeepInstalledCopy);
+    ASSERT_FALSE(linesAtRecord.empty());
+    EXPECT_EQ(linesAtRecord.back(), L"Skipping install as - 2.0.0 installed");
+}
+
 TEST_F(CheckForClients, KeepingACopyIsRecordedBeforeTuepIsStarted) {
     const InstalledProduct same(L"tuep_2", L"02");
     Register(L"LSX_TUEPStatus", 2);
