@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 #include <ostream>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "tests/faults/expectations.h"
 #include "tests/faults/platform_watch.h"
@@ -24,6 +26,31 @@ constexpr size_t kSample = 4;
 size_t Number(const char* variable, size_t otherwise) {
     const char* const text = std::getenv(variable);
     return text != nullptr && *text != '\0' ? std::strtoul(text, nullptr, 10) : otherwise;
+}
+
+// Methods of objects that must have failed as well.
+constexpr const char* kMethods[] = {"ITaskService::Connect",           "ITaskService::GetFolder",
+                                    "ITaskFolder::RegisterTask",       "IXmlReader::SetInput",
+                                    "IXmlReader::SetProperty",         "IXmlReader::Read",
+                                    "IXmlReader::GetQualifiedName",    "IXmlReader::GetValue",
+                                    "IXmlWriter::SetOutput",           "IXmlWriter::SetProperty",
+                                    "IXmlWriter::WriteNodeShallow",    "IXmlWriter::WriteString",
+                                    "IXmlWriter::WriteFullEndElement", "IXmlWriter::Flush"};
+
+// What only an XML library asks for that seeks in its files or wants their size. Wine's does neither.
+const std::set<std::string> kAskedByOtherXmlLibraries = {"SetFilePointerEx", "GetFileSizeEx"};
+
+// In a whole sweep each function has failed, and each exception was needed.
+void ExpectNothingIdle(const SweepOutcome& outcome) {
+    std::vector<std::string> functions = FallibleFunctions();
+    functions.insert(functions.end(), std::begin(kMethods), std::end(kMethods));
+    for (const std::string& function : functions) {
+        EXPECT_TRUE(outcome.functions.count(function) == 1 || kAskedByOtherXmlLibraries.count(function) == 1)
+            << "no scenario calls " << function;
+    }
+    for (const std::string& exception : AllExceptions()) {
+        EXPECT_EQ(outcome.exceptions.count(exception), 1U) << "no fault needs it: " << exception;
+    }
 }
 
 TEST(FaultSweep, NoFaultLosesLeaksOrWidensAnything) {
@@ -45,9 +72,7 @@ TEST(FaultSweep, NoFaultLosesLeaksOrWidensAnything) {
     }
     EXPECT_GT(outcome.faults, 0U);
     if (order.oneOf == 1 && order.shards == 1 && order.scenario.empty()) {
-        for (const std::string& exception : AllExceptions()) {
-            EXPECT_EQ(outcome.exceptions.count(exception), 1U) << "no fault needs it: " << exception;
-        }
+        ExpectNothingIdle(outcome);
     }
 }
 

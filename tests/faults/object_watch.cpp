@@ -45,6 +45,8 @@ struct Gate<Name, Method> {
     static inline std::function<std::wstring(Arguments...)> change;
     static inline std::function<void(Arguments...)> made;
 
+    static size_t Slot() { return SlotOf(Method); }
+
     static HRESULT WINAPI Entry(Object* object, Arguments... arguments) {
         PlatformWatch* const watch = PlatformWatch::current;
         if (watch == nullptr || !watch->Running() || insidePlatform) {
@@ -82,10 +84,10 @@ void Write(void** slot, void* method) {
     VirtualProtect(slot, sizeof(*slot), protection, &protection);
 }
 
-template <FunctionName Name, auto Method, typename Object>
+/// Puts a gate into an object's table. failure: the method's natural one.
+template <typename G, typename Object>
 void Watch(Object& object, HRESULT failure) {
-    using G = Gate<Name, Method>;
-    void** const slot = *reinterpret_cast<void***>(&object) + SlotOf(Method);
+    void** const slot = *reinterpret_cast<void***>(&object) + G::Slot();
     void* const entry = reinterpret_cast<void*>(&G::Entry);
     if (*slot == entry) {
         return;
@@ -96,10 +98,6 @@ void Watch(Object& object, HRESULT failure) {
     Write(slot, entry);
 }
 
-#define METHOD_GATE(method) Gate<#method, &method>
-/// A method with its natural failure.
-#define WATCH_METHOD(object, method, failure) Watch<#method, &method>(object, failure)
-
 // ---- The methods that the library calls
 
 constexpr HRESULT kNoService = HRESULT_FROM_WIN32(RPC_S_SERVER_UNAVAILABLE);
@@ -107,25 +105,23 @@ constexpr HRESULT kDenied = E_ACCESSDENIED;
 constexpr HRESULT kNotRead = HRESULT_FROM_WIN32(ERROR_READ_FAULT);
 constexpr HRESULT kDiskFull = HRESULT_FROM_WIN32(ERROR_DISK_FULL);
 
-void NoteObject(IUnknown* object, const char* method) {
-    if (object != nullptr) {
-        PlatformWatch::current->ObjectMade(object, method);
-    }
-}
-
 std::wstring Text(LPCWSTR text) { return text != nullptr ? text : L""; }
 
+using RegisterTask = Gate<"ITaskFolder::RegisterTask", &ITaskFolder::RegisterTask>;
+using GetFolder = Gate<"ITaskService::GetFolder", &ITaskService::GetFolder>;
+using WriteText = Gate<"IXmlWriter::WriteString", &IXmlWriter::WriteString>;
+
 void WatchFolder(ITaskFolder& folder) {
-    METHOD_GATE(ITaskFolder::RegisterTask)::change = [](BSTR path, BSTR xml, LONG, VARIANT user, VARIANT,
-                                                        TASK_LOGON_TYPE, VARIANT, IRegisteredTask**) {
+    RegisterTask::change = [](BSTR path, BSTR xml, LONG, VARIANT user, VARIANT, TASK_LOGON_TYPE, VARIANT,
+                              IRegisteredTask**) {
         return L"register task " + Text(path) + L" for " + (user.vt == VT_BSTR ? Text(user.bstrVal) : L"") +
                L": " + Text(xml);
     };
-    METHOD_GATE(ITaskFolder::RegisterTask)::made = [](BSTR, BSTR, LONG, VARIANT, VARIANT, TASK_LOGON_TYPE,
-                                                      VARIANT, IRegisteredTask** task) {
-        NoteObject(*task, "ITaskFolder::RegisterTask");
+    RegisterTask::made = [](BSTR, BSTR, LONG, VARIANT, VARIANT, TASK_LOGON_TYPE, VARIANT,
+                            IRegisteredTask** task) {
+        PlatformWatch::current->ObjectMade(*task, "ITaskFolder::RegisterTask");
     };
-    WATCH_METHOD(folder, ITaskFolder::RegisterTask, kDenied);
+    Watch<RegisterTask>(folder, kDenied);
 }
 
 /// A moment of this century is the next day's, whichever that is: "2026-3-8T0:0:0".
@@ -138,32 +134,32 @@ std::wstring WithoutToday(const std::wstring& text) {
 }  // namespace
 
 void WatchMethods(ITaskService& service) {
-    METHOD_GATE(ITaskService::GetFolder)::made = [](BSTR, ITaskFolder** folder) {
-        NoteObject(*folder, "ITaskService::GetFolder");
-        WatchFolder(**folder);
+    GetFolder::made = [](BSTR, ITaskFolder** folder) {
+        PlatformWatch::current->ObjectMade(*folder, "ITaskService::GetFolder");
+        if (ITaskFolder* const made = *folder) {
+            WatchFolder(*made);
+        }
     };
-    WATCH_METHOD(service, ITaskService::Connect, kNoService);
-    WATCH_METHOD(service, ITaskService::GetFolder, kDenied);
+    Watch<Gate<"ITaskService::Connect", &ITaskService::Connect>>(service, kNoService);
+    Watch<GetFolder>(service, kDenied);
 }
 
 void WatchMethods(IXmlReader& reader) {
-    WATCH_METHOD(reader, IXmlReader::SetInput, E_OUTOFMEMORY);
-    WATCH_METHOD(reader, IXmlReader::SetProperty, E_INVALIDARG);
-    WATCH_METHOD(reader, IXmlReader::Read, kNotRead);
-    WATCH_METHOD(reader, IXmlReader::GetQualifiedName, E_OUTOFMEMORY);
-    WATCH_METHOD(reader, IXmlReader::GetValue, E_OUTOFMEMORY);
+    Watch<Gate<"IXmlReader::SetInput", &IXmlReader::SetInput>>(reader, E_OUTOFMEMORY);
+    Watch<Gate<"IXmlReader::SetProperty", &IXmlReader::SetProperty>>(reader, E_INVALIDARG);
+    Watch<Gate<"IXmlReader::Read", &IXmlReader::Read>>(reader, kNotRead);
+    Watch<Gate<"IXmlReader::GetQualifiedName", &IXmlReader::GetQualifiedName>>(reader, E_OUTOFMEMORY);
+    Watch<Gate<"IXmlReader::GetValue", &IXmlReader::GetValue>>(reader, E_OUTOFMEMORY);
 }
 
 void WatchMethods(IXmlWriter& writer) {
-    METHOD_GATE(IXmlWriter::WriteString)::change = [](LPCWSTR text) {
-        return L"write the text " + WithoutToday(Text(text));
-    };
-    WATCH_METHOD(writer, IXmlWriter::SetOutput, E_OUTOFMEMORY);
-    WATCH_METHOD(writer, IXmlWriter::SetProperty, E_INVALIDARG);
-    WATCH_METHOD(writer, IXmlWriter::WriteNodeShallow, kDiskFull);
-    WATCH_METHOD(writer, IXmlWriter::WriteString, kDiskFull);
-    WATCH_METHOD(writer, IXmlWriter::WriteFullEndElement, kDiskFull);
-    WATCH_METHOD(writer, IXmlWriter::Flush, kDiskFull);
+    WriteText::change = [](LPCWSTR text) { return L"write the text " + WithoutToday(Text(text)); };
+    Watch<Gate<"IXmlWriter::SetOutput", &IXmlWriter::SetOutput>>(writer, E_OUTOFMEMORY);
+    Watch<Gate<"IXmlWriter::SetProperty", &IXmlWriter::SetProperty>>(writer, E_INVALIDARG);
+    Watch<Gate<"IXmlWriter::WriteNodeShallow", &IXmlWriter::WriteNodeShallow>>(writer, kDiskFull);
+    Watch<WriteText>(writer, kDiskFull);
+    Watch<Gate<"IXmlWriter::WriteFullEndElement", &IXmlWriter::WriteFullEndElement>>(writer, kDiskFull);
+    Watch<Gate<"IXmlWriter::Flush", &IXmlWriter::Flush>>(writer, kDiskFull);
 }
 
 void ForgetMethods() {

@@ -99,6 +99,7 @@ struct Gate<Name, void(Arguments...)> {
 /// Everything that the tables below say about the imports.
 struct Registrations {
     std::vector<std::string> watched;
+    std::vector<std::string> fallible;
     std::vector<std::function<void(tool::Interception&)>> install;
 };
 
@@ -120,6 +121,7 @@ void Watch(Platform* platform) {
 
 template <typename G, FunctionName Name, typename Failure>
 void LetFail(Failure failure, DWORD error) {
+    All().fallible.emplace_back(Name.text);
     G::fallible = true;
     G::failure = failure;
     G::error = error;
@@ -143,6 +145,7 @@ const void* AsPointer(Handle handle) {
     if constexpr (std::is_pointer_v<Handle>) {
         return handle;
     } else {
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): the installer's handles are numbers
         return reinterpret_cast<const void*>(static_cast<UINT_PTR>(handle));
     }
 }
@@ -536,6 +539,7 @@ void RegisterServices() {
 }
 
 // The platform's allocator with an eye on what is given back to it.
+// NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor): its interface has none, and it is never deleted
 class WatchedMalloc final : public IMalloc {
 public:
     HRESULT WINAPI QueryInterface(REFIID, void**) override { return E_NOINTERFACE; }
@@ -564,7 +568,7 @@ void ObjectMade(HRESULT result, IUnknown* object, const char* function) {
     }
 }
 
-void RegisterShellAndObjects() {
+void RegisterShell() {
     WATCH(SHGetFolderLocation);
     FAILS(SHGetFolderLocation, E_FAIL, 0);
     ACCOUNT(SHGetFolderLocation, [](HRESULT, HWND, int, HANDLE, DWORD, PIDLIST_ABSOLUTE* list) {
@@ -584,6 +588,9 @@ void RegisterShellAndObjects() {
     CHANGES(SendMessageTimeoutW, [](HWND, UINT message, WPARAM, LPARAM, UINT, UINT, PDWORD_PTR) {
         return L"tell all windows " + std::to_wstring(message);
     });
+}
+
+void RegisterObjects() {
     WATCH(CoInitializeEx);
     FAILS(CoInitializeEx, E_OUTOFMEMORY, 0);
     ACCOUNT(CoInitializeEx, [](HRESULT result, LPVOID, DWORD) {
@@ -609,6 +616,9 @@ void RegisterShellAndObjects() {
             [](BSTR text, const OLECHAR*, UINT) { Now().Opened("BSTR", text, "SysAllocStringLen"); });
     WATCH(SysFreeString);
     ACCOUNT(SysFreeString, [](BSTR text) { Now().Closed("BSTR", text); });
+}
+
+void RegisterXml() {
     WATCH(CreateXmlReader);
     FAILS(CreateXmlReader, E_OUTOFMEMORY, 0);
     ACCOUNT(CreateXmlReader, [](HRESULT result, REFIID, void** object, IMalloc*) {
@@ -637,6 +647,9 @@ void RegisterShellAndObjects() {
             [](HRESULT result, IUnknown*, IMalloc*, LPCWSTR, IXmlWriterOutput** output) {
                 ObjectMade(result, *output, "CreateXmlWriterOutput");
             });
+}
+
+void RegisterDevices() {
     WATCH(SetupDiGetClassDevsW);
     FAILS(SetupDiGetClassDevsW, INVALID_HANDLE_VALUE, kDenied);
     ACCOUNT(SetupDiGetClassDevsW, [](HDEVINFO list, const GUID*, PCWSTR, HWND, DWORD) {
@@ -705,6 +718,7 @@ void RegisterRest() {
     WATCH_AS(Sleep, PassTime);
     WATCH_AS(GetTickCount, TickCount);
     All().watched.emplace_back(kAllocator);
+    All().fallible.emplace_back(kAllocator);
     All().install.push_back(
         [](tool::Interception& hooks) { hooks.Replace(kAllocator, reinterpret_cast<void*>(&Allocate)); });
 }
@@ -716,7 +730,10 @@ void RegisterAll() {
         RegisterSecurity();
         RegisterPrograms();
         RegisterServices();
-        RegisterShellAndObjects();
+        RegisterShell();
+        RegisterObjects();
+        RegisterXml();
+        RegisterDevices();
         RegisterInstaller();
         RegisterRest();
         return true;
@@ -868,80 +885,92 @@ const std::vector<std::string>& WatchedFunctions() {
     return All().watched;
 }
 
+const std::vector<std::string>& FallibleFunctions() {
+    RegisterAll();
+    return All().fallible;
+}
+
+namespace {
+
+constexpr char kText[] = "works on texts and memory of the process, and cannot fail";
+constexpr char kRuntime[] = "belongs to the C++ runtime, below what an action asks the platform for";
+constexpr char kAnswer[] = "answers out of the process and cannot fail";
+constexpr char kOutput[] = "writes to the standard output or the debugger, whose failure nobody sees";
+
+/// A reason and the functions that it holds for.
+const std::vector<std::pair<const char*, std::vector<std::string>>> kLeftAlone = {
+    {kText,
+     {"_wcsicmp",
+      "_wcsnicmp",
+      "_wtof",
+      "iswdigit",
+      "memchr",
+      "memcmp",
+      "memcpy",
+      "memmove",
+      "memset",
+      "strcmp",
+      "strlen",
+      "strncmp",
+      "towlower",
+      "wcslen",
+      "wcsncpy_s",
+      "wsprintfW",
+      "StringFromGUID2",
+      "_vsnwprintf",
+      "wvsprintfW",
+      "strerror",
+      "localeconv",
+      "IsDBCSLeadByteEx",
+      "___lc_codepage_func",
+      "___mb_cur_max_func"}},
+    {kRuntime,
+     {"__iob_func",
+      "_amsg_exit",
+      "_errno",
+      "_initterm",
+      "_lock",
+      "_unlock",
+      "_read",
+      "_close",
+      "abort",
+      "calloc",
+      "realloc",
+      "free",
+      "vfprintf",
+      "fwprintf",
+      "fwrite",
+      "fputwc",
+      "CreateSemaphoreW",
+      "ReleaseSemaphore",
+      "DeleteCriticalSection",
+      "EnterCriticalSection",
+      "InitializeCriticalSection",
+      "LeaveCriticalSection",
+      "FormatMessageA",
+      "RaiseException",
+      "RtlCaptureContext",
+      "RtlLookupFunctionEntry",
+      "RtlUnwindEx",
+      "RtlVirtualUnwind",
+      "TlsAlloc",
+      "TlsFree",
+      "TlsGetValue",
+      "TlsSetValue",
+      "VirtualProtect",
+      "VirtualQuery"}},
+    {kAnswer,
+     {"GetCurrentProcess", "GetCurrentProcessId", "GetCurrentThreadId", "GetLastError", "SetLastError",
+      "GetNativeSystemInfo", "GetSystemInfo", "GetOEMCP", "GetSystemTimeAsFileTime", "_time64",
+      "QueryPerformanceCounter"}},
+    {kOutput, {"OutputDebugStringW", "fflush", "fputs"}}};
+
+}  // namespace
+
 const std::map<std::string, std::string>& LeftAlone() {
     static const std::map<std::string, std::string> all = [] {
-        constexpr char kText[] = "works on texts and memory of the process, and cannot fail";
-        constexpr char kRuntime[] = "belongs to the C++ runtime, below what an action asks the platform for";
-        constexpr char kAnswer[] = "answers out of the process and cannot fail";
-        constexpr char kOutput[] = "writes to the standard output or the debugger, whose failure nobody sees";
-        const std::map<const char*, std::vector<std::string>> groups = {
-            {kText,
-             {"_wcsicmp",
-              "_wcsnicmp",
-              "_wtof",
-              "iswdigit",
-              "memchr",
-              "memcmp",
-              "memcpy",
-              "memmove",
-              "memset",
-              "strcmp",
-              "strlen",
-              "strncmp",
-              "towlower",
-              "wcslen",
-              "wcsncpy_s",
-              "wsprintfW",
-              "StringFromGUID2",
-              "_vsnwprintf",
-              "wvsprintfW",
-              "strerror",
-              "localeconv",
-              "IsDBCSLeadByteEx",
-              "___lc_codepage_func",
-              "___mb_cur_max_func"}},
-            {kRuntime,
-             {"__iob_func",
-              "_amsg_exit",
-              "_errno",
-              "_initterm",
-              "_lock",
-              "_unlock",
-              "_read",
-              "_close",
-              "abort",
-              "calloc",
-              "realloc",
-              "free",
-              "vfprintf",
-              "fwprintf",
-              "fwrite",
-              "fputwc",
-              "CreateSemaphoreW",
-              "ReleaseSemaphore",
-              "DeleteCriticalSection",
-              "EnterCriticalSection",
-              "InitializeCriticalSection",
-              "LeaveCriticalSection",
-              "FormatMessageA",
-              "RaiseException",
-              "RtlCaptureContext",
-              "RtlLookupFunctionEntry",
-              "RtlUnwindEx",
-              "RtlVirtualUnwind",
-              "TlsAlloc",
-              "TlsFree",
-              "TlsGetValue",
-              "TlsSetValue",
-              "VirtualProtect",
-              "VirtualQuery"}},
-            {kAnswer,
-             {"GetCurrentProcess", "GetCurrentProcessId", "GetCurrentThreadId", "GetLastError",
-              "SetLastError", "GetNativeSystemInfo", "GetSystemInfo", "GetOEMCP", "GetSystemTimeAsFileTime",
-              "_time64", "QueryPerformanceCounter"}},
-            {kOutput, {"OutputDebugStringW", "fflush", "fputs"}}};
         std::map<std::string, std::string> reasons;
-        for (const auto& [reason, functions] : groups) {
+        for (const auto& [reason, functions] : kLeftAlone) {
             for (const std::string& function : functions) {
                 reasons[function] = reason;
             }

@@ -95,6 +95,9 @@ private:
 /// Every import that goes through a gate, whether it can fail or not.
 const std::vector<std::string>& WatchedFunctions();
 
+/// Those of them that the sweep lets fail.
+const std::vector<std::string>& FallibleFunctions();
+
 /// Imports that the sweep leaves alone, each with the reason.
 const std::map<std::string, std::string>& LeftAlone();
 

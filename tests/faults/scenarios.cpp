@@ -402,6 +402,13 @@ void AddAdapter() {
     MakeKey(std::wstring(L"SYSTEM\\CurrentControlSet\\Control\\Class\\") + kDriverKey);
 }
 
+void InstallStaleDriver(bool running) {
+    AddDriverServices();
+    SetText(std::wstring(kServices) + L"TAVOKyrnMasterDriverV20", L"ImagePath",
+            L"system32\\TAVOKyrnMasterDriver.sys", REG_EXPAND_SZ);
+    AddService(L"TAVOKyrnMasterDriverV20", L"driver", running);
+}
+
 const std::vector<Scenario> kOthers = {
     {.name = "DelInstallProxyKey",
      .action = "DelInstallProxyKey",
@@ -436,16 +443,14 @@ const std::vector<Scenario> kOthers = {
              DropKey(L"SOFTWARE\\TAVODVR");
          }},
     {.name = "SetDCLogFileRegistry", .action = "SetDCLogFileRegistry", .result = 0, .prepare = AddAdapter},
-    {.name = "PreInstallKMSDK",
+    {.name = "PreInstallKMSDK, a driver that runs",
      .action = "PreInstallKMSDK",
      .result = 0,
-     .setUp =
-         [] {
-             InstallProfileClient();
-             SetText(std::wstring(kServices) + L"TAVOKyrnMasterDriverV20", L"ImagePath",
-                     L"system32\\TAVOKyrnMasterDriver.sys", REG_EXPAND_SZ);
-             AddService(L"TAVOKyrnMasterDriverV20", L"driver");
-         }},
+     .setUp = [] { InstallStaleDriver(true); }},
+    {.name = "PreInstallKMSDK, a driver that stands still",
+     .action = "PreInstallKMSDK",
+     .result = 0,
+     .setUp = [] { InstallStaleDriver(false); }},
 };
 
 // ---- TUEP

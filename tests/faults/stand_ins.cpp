@@ -34,6 +34,7 @@ BOOL Fail(DWORD error) {
 }
 
 SC_HANDLE NewHandle(const std::wstring& name) {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): nobody looks behind a handle
     const auto handle = reinterpret_cast<SC_HANDLE>(Machine().nextHandle += 0x10);
     Machine().handles[handle] = name;
     return handle;

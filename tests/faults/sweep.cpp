@@ -401,6 +401,7 @@ public:
                 fault_ = std::stoul(rest);
                 known_ = true;
                 faultText_ = rest.substr(rest.find(' ') + 1);
+                outcome_.functions.insert(faultText_.substr(0, faultText_.find(' ')));
                 ++outcome_.faults;
                 ++faultsOfScenario_;
             } else if (word == "size") {

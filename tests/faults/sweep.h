@@ -37,6 +37,7 @@ struct SweepOutcome {
     size_t scenarios = 0;
     size_t faults = 0;
     std::vector<std::string> findings;
+    std::set<std::string> functions;   ///< those that failed
     std::set<std::string> exceptions;  ///< the rows of the tables of exceptions that a fault needed
     std::vector<std::string> summary;  ///< one line for each scenario
 };
