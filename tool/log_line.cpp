@@ -161,10 +161,15 @@ bool ParseActionLine(std::string_view text, LogLine& line) {
     if (end == std::string_view::npos) {
         return false;
     }
-    line.kind = Kind::ActionEnded;
-    line.name = text.substr(0, end);
+    const std::string_view name = text.substr(0, end);
     text.remove_prefix(end + kReturn.size());
-    line.number = TakeNumber(text).value_or(-1);
+    const auto value = TakeNumber(text);
+    if (!value) {
+        return false;
+    }
+    line.kind = Kind::ActionEnded;
+    line.name = name;
+    line.number = *value;
     return true;
 }
 
@@ -176,10 +181,16 @@ bool ParseReturnedCode(std::string_view text, LogLine& line) {
     if (!TakePrefix(text, "CustomAction ") || returned == std::string_view::npos) {
         return false;
     }
+    const std::string_view name = text.substr(0, text.find(kReturned));
+    text.remove_prefix(name.size() + kReturned.size());
+    const auto code = TakeNumber(text);
+    // A log that is cut off within the number tells none.
+    if (!code || text.empty()) {
+        return false;
+    }
     line.kind = Kind::ReturnedCode;
-    line.name = text.substr(0, text.find(kReturned));
-    text.remove_prefix(line.name.size() + kReturned.size());
-    line.number = TakeNumber(text).value_or(0);
+    line.name = name;
+    line.number = *code;
     line.ignored = text.find("translated to success") != std::string_view::npos;
     return true;
 }

@@ -170,6 +170,19 @@ TEST(Explain, EveryCutOfALogIsRead) {
     }
 }
 
+TEST(Explain, ALogThatEndsWithinANumberTellsNone) {
+    const std::string log = OneAction("CheckForClients", kChecked, "", "259 (note this)");
+    for (const char* last : {"code 2", "code 25", "code 259", "code "}) {
+        const ToolRun run = ExplainText(log.substr(0, log.find("code 259") + std::string(last).size()));
+        EXPECT_EQ(0u, run.exitCode) << last;
+        EXPECT_THAT(run.output, HasSubstr("CheckForClients: unfinished\n")) << last;
+    }
+    const std::string ended =
+        "Action start 9:00:00: BlockLaunch.\nAction ended 9:00:00: BlockLaunch. Return value ";
+    EXPECT_THAT(ExplainText(ended).output, HasSubstr("BlockLaunch: unfinished\n"));
+    EXPECT_THAT(ExplainText(ended + "3").output, HasSubstr("BlockLaunch: refused\n"));
+}
+
 TEST(Explain, ALogThatBeginsWithinAnActionIsRead) {
     const ToolRun run =
         ExplainText("SABLE_CA Launched from PIM: 1\nAction ended 9:00:00: BlockLaunch. Return value 1.\n");
