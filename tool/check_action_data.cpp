@@ -201,6 +201,14 @@ std::string Misuse(const DataKey& key) {
     return key.misuse.empty() ? "The action then reads another part of the text." : key.misuse;
 }
 
+Finding MisspeltKey(const std::string& id, const DataKey& key, const std::string& written,
+                    const std::string& setter) {
+    return {"data-key-misspelt", id,
+            "The action data of \"" + id + "\" has \"" + written + "\" where the action reads \"" + key.name +
+                "\", letter for letter. " + Misuse(key),
+            "Write \"" + key.name + "\" in " + setter + "."};
+}
+
 std::optional<Finding> CheckAbsentKey(const CheckedPackage& package, const CheckedAction& checked,
                                       const DataKey& key, const std::vector<Entry>& entries,
                                       const std::string& setter) {
@@ -208,11 +216,7 @@ std::optional<Finding> CheckAbsentKey(const CheckedPackage& package, const Check
     for (const Entry& entry : entries) {
         const std::string written = entry.Key();
         if (!written.empty() && !KnownKey(*checked.facts, written) && Distance(written, key.name) <= kSlip) {
-            return Finding{"data-key-misspelt", id,
-                           "The action data of \"" + id + "\" has \"" + written +
-                               "\" where the action reads \"" + key.name + "\", letter for letter. " +
-                               Misuse(key),
-                           "Write \"" + key.name + "\" in " + setter + "."};
+            return MisspeltKey(id, key, written, setter);
         }
     }
     for (const Entry& entry : entries) {

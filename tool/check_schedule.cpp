@@ -290,6 +290,19 @@ RollbackPlace PlaceOfRollback(const CheckedPackage& package, const CheckedAction
                                                                     : RollbackPlace::OtherCondition;
 }
 
+Finding MisplacedRollback(RollbackPlace place, const std::string& id, const std::string& undo) {
+    if (place == RollbackPlace::After) {
+        return {"rollback-after-action", id,
+                "\"" + undo + "\" takes \"" + id + "\" back, but stands behind it: when \"" + id +
+                    "\" itself fails half-way, it is not in the script yet.",
+                "A sequence number before \"" + id + "\"."};
+    }
+    return {"rollback-under-other-condition", id,
+            "\"" + undo + "\" takes \"" + id +
+                "\" back, but it does not run in a first install, in which \"" + id + "\" runs.",
+            "A condition such as NOT Installed."};
+}
+
 void CheckRollback(const CheckedPackage& package, const CheckedAction& checked, const Findings& known,
                    Findings& findings) {
     const std::string& id = checked.Id();
@@ -309,18 +322,8 @@ void CheckRollback(const CheckedPackage& package, const CheckedAction& checked, 
         if (place == RollbackPlace::Good || reported) {
             return;
         }
-        if (place == RollbackPlace::After) {
-            problem =
-                Finding{"rollback-after-action", id,
-                        "\"" + action.id + "\" takes \"" + id + "\" back, but stands behind it: when \"" +
-                            id + "\" itself fails half-way, it is not in the script yet.",
-                        "A sequence number before \"" + id + "\"."};
-        } else if (place == RollbackPlace::OtherCondition) {
-            problem =
-                Finding{"rollback-under-other-condition", id,
-                        "\"" + action.id + "\" takes \"" + id +
-                            "\" back, but it does not run in a first install, in which \"" + id + "\" runs.",
-                        "A condition such as NOT Installed."};
+        if (place != RollbackPlace::None) {
+            problem = MisplacedRollback(place, id, action.id);
         }
     }
     findings.push_back(*problem);

@@ -16,7 +16,7 @@ constexpr char kMark[] = "\xEF\xBB\xBF";  // that editors put in front of UTF-8
 std::string TakeWord(std::string& text) {
     const std::size_t start = std::min(text.find_first_not_of(kBlanks), text.size());
     const std::size_t end = std::min(text.find_first_of(kBlanks, start), text.size());
-    const std::string word = text.substr(start, end - start);
+    std::string word = text.substr(start, end - start);
     text.erase(0, std::min(text.find_first_not_of(kBlanks, end), text.size()));
     return word;
 }

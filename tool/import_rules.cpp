@@ -25,6 +25,7 @@ ImportRule Noted(const char* function, Function* standIn) {
     return {function, Treatment::Changes, reinterpret_cast<void*>(standIn)};
 }
 
+// NOLINTNEXTLINE(readability-function-size): a table, one row for each function
 std::vector<ImportRule> MakeRules() {
     return {
         // The registry

@@ -87,6 +87,7 @@ Json AsJson(const ActionFacts& facts) {
             {"returnReason", facts.returnReason},
             {"schedule", facts.schedule},
             {"condition", facts.condition},
+            {"place", facts.place},
             {"actionData",
              {{"keys", KeysAsJson(facts.data)},
               {"whole", facts.data.whole},

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "tool/console.h"
+#include "tool/encoding.h"
 
 namespace corvi::tool {
 namespace {
@@ -11,24 +12,6 @@ namespace {
 constexpr std::size_t kBufferBytes = 1 << 18;
 constexpr std::size_t kLongestLine = 32768;
 constexpr std::size_t kProbeBytes = 512;
-
-bool IsAscii(std::string_view bytes) {
-    return std::all_of(bytes.begin(), bytes.end(),
-                       [](char byte) { return static_cast<unsigned char>(byte) < 0x80U; });
-}
-
-bool IsUtf8(std::string_view bytes) {
-    return MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, bytes.data(), static_cast<int>(bytes.size()),
-                               nullptr, 0) > 0;
-}
-
-std::wstring FromSystemCodePage(std::string_view bytes) {
-    const auto size = static_cast<int>(bytes.size());
-    const int needed = MultiByteToWideChar(CP_ACP, 0, bytes.data(), size, nullptr, 0);
-    std::wstring text(static_cast<std::size_t>(std::max(needed, 0)), L'\0');
-    MultiByteToWideChar(CP_ACP, 0, bytes.data(), size, text.data(), needed);
-    return text;
-}
 
 std::wstring FromUtf16(std::string_view bytes, bool bigEndian) {
     std::wstring text(bytes.size() / sizeof(wchar_t), L'\0');
@@ -143,10 +126,8 @@ bool LogReader::Next(std::string_view& line) {
     }
     if (encoding_ != Encoding::Bytes) {
         line_ = ToUtf8(FromUtf16(raw_, encoding_ == Encoding::Utf16BigEndian));
-    } else if (IsAscii(raw_) || IsUtf8(raw_)) {
-        line_.assign(raw_);
     } else {
-        line_ = ToUtf8(FromSystemCodePage(raw_));
+        line_ = Utf8FromBytes(raw_);
     }
     while (!line_.empty() && (line_.back() == '\r' || line_.back() == '\0')) {
         line_.pop_back();

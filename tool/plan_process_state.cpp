@@ -110,9 +110,9 @@ void WINAPI TellShell(LONG event, UINT /*flags*/, LPCVOID /*first*/, LPCVOID /*s
 }
 
 int PutText(const char* text, std::FILE* /*file*/) {
-    const int length = MultiByteToWideChar(GetConsoleOutputCP(), 0, text, -1, nullptr, 0);
+    const int length = MultiByteToWideChar(CP_ACP, 0, text, -1, nullptr, 0);
     std::wstring wide(static_cast<std::size_t>(std::max(length, 1)), L'\0');
-    MultiByteToWideChar(GetConsoleOutputCP(), 0, text, -1, wide.data(), length);
+    MultiByteToWideChar(CP_ACP, 0, text, -1, wide.data(), length);
     wide.pop_back();
     StandardOutputText() += wide;
     return 0;

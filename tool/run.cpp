@@ -11,6 +11,7 @@
 #include "tool/action_call.h"
 #include "tool/action_host.h"
 #include "tool/console.h"
+#include "tool/encoding.h"
 #include "tool/facts_text.h"
 #include "tool/image.h"
 #include "tool/installer_session.h"
@@ -296,7 +297,7 @@ public:
         }
         json["log"] = told.log;
         json["messages"] = told.messages;
-        json["output"] = told.output;
+        json["output"] = OutputText();
         json["waits"] = told.waits;
         AddTo(json, facts_, end);
         PrintLine(json.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
@@ -336,10 +337,19 @@ private:
         }
     }
 
+    /// What the action wrote to its standard output, with the line ends of a plan.
+    std::string OutputText() const {
+        std::string text = Utf8FromBytes(told.output);
+        for (std::size_t end = text.find("\r\n"); end != std::string::npos; end = text.find("\r\n", end)) {
+            text.erase(end, 1);
+        }
+        return text;
+    }
+
     void FinishText(const ActionEnd& end) const {
         if (!told.output.empty()) {
             PrintLine("standard output:");
-            PrintWrapped(LogLine(ToWide(told.output)), "  ", "    ");
+            PrintWrapped(LogLine(ToWide(OutputText())), "  ", "    ");
         }
         PrintWrapped(InWords(facts_, end), "", "  ");
     }

@@ -119,9 +119,9 @@ TEST(List, JsonHoldsTheSameFacts) {
     const ToolRun run = RunTool(L"list DeleteOPTXCameraGUID --json");
     EXPECT_EQ(0u, run.exitCode);
     EXPECT_THAT(run.output, StartsWith("{\n  \"name\": \"DeleteOPTXCameraGUID\","));
-    EXPECT_THAT(run.output,
-                AllOf(HasSubstr("\"code\": 1603,\n      \"outcome\": \"done\""),
-                      HasSubstr("\"return\": \"ignore\""), HasSubstr("\"execute\": \"deferred\"")));
+    EXPECT_THAT(run.output, AllOf(HasSubstr("\"code\": 1603,\n      \"outcome\": \"done\""),
+                                  HasSubstr("\"return\": \"ignore\""), HasSubstr("\"execute\": \"deferred\""),
+                                  HasSubstr("\"place\": \"After=\\\"InstallInitialize\\\"\"")));
     EXPECT_THAT(
         RunTool(L"list --json").output,
         AllOf(StartsWith("[\n"), HasSubstr("\"name\": \"PostUnInstallKITE\""), Not(HasSubstr("47 actions"))));

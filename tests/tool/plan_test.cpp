@@ -295,11 +295,21 @@ TEST_F(PlanVerb, RunDoesItAndExplainsAResultThatIsNoFailure) {
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Wow6432Node\\QEL\\ACE\\Settings\\MOM\\Install"));
 }
 
+std::string FromSystemCodePage(const std::string& bytes) {
+    wchar_t wide[64] = {};
+    char utf8[64] = {};
+    MultiByteToWideChar(CP_ACP, 0, bytes.c_str(), -1, wide, 64);
+    WideCharToMultiByte(CP_UTF8, 0, wide, -1, utf8, 64, nullptr, nullptr);
+    return utf8;
+}
+
 TEST_F(PlanVerb, RunShowsWhatTheActionWritesToStandardOutput) {
+    const std::string spoken = "spoken to nobody, " + FromSystemCodePage("J\xF6rg") + "\n";
     const Json run = Parsed(RunTool(std::wstring(L"run TerminateHXNextApp --json") + kOdd));
-    EXPECT_THAT(run["output"].get<std::string>(), HasSubstr("spoken to nobody"));
+    EXPECT_EQ(run["output"], spoken);
+    EXPECT_THAT(RunTool(std::wstring(L"run TerminateHXNextApp") + kOdd).output, HasSubstr("  " + spoken));
     const Json plan = Planned(std::wstring(L"TerminateHXNextApp") + kOdd);
-    EXPECT_THAT(plan["output"].get<std::string>(), HasSubstr("spoken to nobody"));
+    EXPECT_EQ(plan["output"], spoken);
 }
 
 TEST_F(PlanVerb, RunSaysWhatItWaitsForAfterTenSeconds) {
