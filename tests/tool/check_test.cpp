@@ -314,8 +314,8 @@ TEST_P(CheckFinds, JustThisMistake) {
     EXPECT_GE(80u, LongestLine(run.output));
     const Json json = CheckAsJson(kChanged);
     ASSERT_EQ(1u, json["findings"].size()) << json["findings"].dump(1);
-    EXPECT_EQ(mistake.id, json["findings"][0]["id"]);
-    EXPECT_EQ(mistake.action, json["findings"][0]["action"]);
+    EXPECT_EQ(mistake.id, json["findings"][0]["id"].get<std::string>());
+    EXPECT_EQ(mistake.action, json["findings"][0]["action"].get<std::string>());
     EXPECT_THAT(json["findings"][0]["reason"].get<std::string>(), HasSubstr(mistake.action));
     EXPECT_NE("", json["findings"][0]["mend"]);
 }
@@ -347,8 +347,8 @@ void ExpectOneFinding(const std::wstring& package, const std::string& id, const 
                       const std::string& word) {
     const Json json = CheckAsJson(package);
     ASSERT_EQ(1u, json["findings"].size()) << json["findings"].dump(1);
-    EXPECT_EQ(id, json["findings"][0]["id"]);
-    EXPECT_EQ(action, json["findings"][0]["action"]);
+    EXPECT_EQ(id, json["findings"][0]["id"].get<std::string>());
+    EXPECT_EQ(action, json["findings"][0]["action"].get<std::string>());
     EXPECT_THAT(json["findings"][0]["reason"].get<std::string>(), HasSubstr(word));
 }
 
