@@ -33,11 +33,14 @@ format() {
 }
 
 tidy() {
-  # What runs in installs and what every test stands on. The test programs and the tool are held by the compiler's
-  # warnings (the tool by cppcheck too): their libraries' headers cost the analyser minutes for each file. clang
-  # needs to be told of the cross compiler's target and headers.
+  # What runs in installs, what every test stands on, and the tool. The test programs and the files of the tool that
+  # read the command line or write JSON are held by the compiler's warnings (the tool by cppcheck too): their
+  # libraries' headers cost the analyser minutes for each file. clang needs to be told of the cross compiler's target
+  # and headers.
   include=$(x86_64-w64-mingw32-g++-win32 -print-file-name=include)/c++
-  sources $library_folders tests/support | grep '\.cpp$' | tr '\n' '\0' |
+  # shellcheck disable=SC2086 # one word a folder
+  sources $product_folders tests/support | grep '\.cpp$' | tr '\n' '\0' |
+    xargs -0 grep -LZE '#include (<CLI/|<nlohmann/|"tool/action_call\.h")' |
     xargs -0 -n 2 -P "$(nproc)" clang-tidy --quiet -p build/release \
       --extra-arg-before=--target=x86_64-w64-mingw32 \
       --extra-arg=-nostdinc++ \

@@ -11,7 +11,7 @@
 
 #include "tool/action_facts.h"
 
-namespace CLI {
+namespace CLI {  // NOLINT(readability-identifier-naming): the parser's own
 class App;
 }
 

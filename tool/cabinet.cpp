@@ -31,10 +31,7 @@ struct Extraction {
     std::map<std::string, std::string> files;
 };
 
-// The cabinet functions hand a file over as a number.
-MemoryFile* AsFile(INT_PTR handle) {
-    return reinterpret_cast<MemoryFile*>(handle);  // NOLINT(performance-no-int-to-ptr)
-}
+MemoryFile* AsFile(INT_PTR handle) { return reinterpret_cast<MemoryFile*>(handle); }
 
 void* DIAMONDAPI Allocate(ULONG bytes) { return std::malloc(bytes); }
 

@@ -34,11 +34,11 @@ constexpr char kForWix3[] =
     "the built "
     "package.";
 constexpr char kForWix4[] =
-    " Each action stands in a fragment of its own: <CustomActionRef Id=\"X\" /> in the package links it and "
-    "schedules "
-    "it at its usual place; what is not referred to is not linked. A package with an order of its own takes "
-    "the "
-    "Custom element out.";
+    " Each action stands in a fragment of its own, and each rollback: <CustomActionRef Id=\"X\" /> in the "
+    "package "
+    "links the one and schedules it at its usual place, <CustomActionRef Id=\"X.Rollback\" /> the other; "
+    "what is "
+    "not referred to is not linked. A package with an order of its own takes the Custom element out.";
 
 constexpr char kGuardsNote[] =
     "Guards. An action that lets a registry error out where its key is missing runs under a condition that "

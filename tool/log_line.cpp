@@ -63,7 +63,7 @@ bool TakeMark(std::string_view& text, LogLine& line) {
         return false;
     }
     const std::size_t close = rest.find(") [");
-    if (close == std::string_view::npos || close > 40) {
+    if (close > 40) {  // or not there at all
         return false;
     }
     line.thread = rest.substr(0, close);

@@ -46,7 +46,7 @@ public:
         if (offset > bytes_.size() || bytes_.size() - offset < sizeof(T)) {
             return std::nullopt;
         }
-        T value;
+        T value = {};
         std::memcpy(&value, bytes_.data() + offset, sizeof(T));
         return value;
     }

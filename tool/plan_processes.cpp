@@ -77,7 +77,7 @@ bool IsProgram(const std::wstring& path) {
 /// The program named at the start of an unquoted line: the platform tries each blank as its end.
 std::wstring FindAtBlanks(const std::wstring& line) {
     for (std::size_t end = line.find_first_of(L" \t");; end = line.find_first_of(L" \t", end + 1)) {
-        const std::wstring found = FindProgram(line.substr(0, end));
+        std::wstring found = FindProgram(line.substr(0, end));
         if (!found.empty() || end == std::wstring::npos) {
             return found;
         }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <cwchar>
 #include <cwctype>
 #include <map>
 #include <memory>
@@ -615,7 +616,8 @@ LSTATUS GiveNoted(const Value& value, DWORD flags, LPDWORD type, PVOID data, LPD
     std::vector<BYTE> bytes = value.data;
     DWORD given = value.type;
     if (given == REG_EXPAND_SZ && (flags & RRF_NOEXPAND) == 0) {
-        const std::wstring text = TextIn(bytes).c_str();
+        std::wstring text = TextIn(bytes);
+        text.resize(std::wcslen(text.c_str()));
         std::wstring expanded(32768, L'\0');
         expanded.resize(ExpandEnvironmentStringsW(text.c_str(), expanded.data(), 32768));
         const auto* start = reinterpret_cast<const BYTE*>(expanded.data());

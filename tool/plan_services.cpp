@@ -213,7 +213,10 @@ SC_HANDLE WINAPI OpenManager(LPCWSTR machine, LPCWSTR database, DWORD access) {
 }
 
 SC_HANDLE WINAPI OpenOneService(SC_HANDLE manager, LPCWSTR name, DWORD access) {
-    const ServiceNotes* noted = name != nullptr ? FindNotes(name) : nullptr;
+    if (name == nullptr) {
+        return ::OpenServiceW(manager, name, access);
+    }
+    const ServiceNotes* noted = FindNotes(name);
     if (noted != nullptr && noted->created) {
         return Register({nullptr, name, access});
     }
@@ -236,6 +239,9 @@ SC_HANDLE WINAPI CreateOneService(SC_HANDLE manager, LPCWSTR name, LPCWSTR displ
     const auto refuse = [](DWORD error) { return Refuse(error, static_cast<SC_HANDLE>(nullptr)); };
     if (manager == nullptr) {
         return refuse(ERROR_INVALID_HANDLE);
+    }
+    if (name == nullptr) {
+        return refuse(ERROR_INVALID_ADDRESS);
     }
     const SC_HANDLE existing = OpenOneService(manager, name, SERVICE_QUERY_STATUS);
     if (existing != nullptr) {

@@ -91,8 +91,10 @@ TEST(Include, TheCurrentSchemaHasAFragmentForEachAction) {
 TEST(Include, AllActionsAndRollbacksInTheCurrentSchema) {
     const ToolRun run = RunTool(L"include --wix 4");
     EXPECT_EQ(47u, Matches(run.output, "<CustomAction Id=\"\\w+\""));
-    EXPECT_THAT(run.output,
-                HasSubstr("<Custom Action=\"CreateLogonSchTask.Rollback\" Before=\"CreateLogonSchTask\""));
+    EXPECT_THAT(
+        run.output,
+        AllOf(HasSubstr("<Custom Action=\"CreateLogonSchTask.Rollback\" Before=\"CreateLogonSchTask\""),
+              HasSubstr("<CustomActionRef Id=\"X.Rollback\" />")));
     EXPECT_GE(80u, LongestLine(run.output));
 }
 
