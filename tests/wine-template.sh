@@ -5,13 +5,14 @@
 set -eu
 
 template=$1
-[ ! -f "$template/.complete" ] || exit 0
+complete() { [ -f "$template/.complete" ] && [ -x "$template/loader/wine" ]; }
+complete && exit 0
 mkdir -p "$template"
 template=$(cd "$template" && pwd)
 
 exec 9>"$template.lock"
 flock 9
-[ ! -f "$template/.complete" ] || exit 0
+complete && exit 0
 
 rm -rf "$template"
 mkdir -p "$template"
