@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <functional>
 
+#include "tool/compound_file.h"
 #include "tool/console.h"
 
 namespace corvi::tool {
@@ -225,6 +226,10 @@ PackageDatabase::PackageDatabase(const std::wstring& path) : path_(AbsolutePath(
     const DWORD attributes = GetFileAttributesW(path_.c_str());
     if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
         throw UsageError("there is no package '" + ToUtf8(path) + "'");
+    }
+    // The installer's own way through a damaged file may have no end.
+    if (LookAtContainer(path_) == Container::Damaged) {
+        throw UsageError("'" + ToUtf8(path) + "' is damaged: its table of contents leads nowhere");
     }
     if (MsiOpenDatabaseW(path_.c_str(), MSIDBOPEN_READONLY, &handle_) != ERROR_SUCCESS) {
         throw UsageError("'" + ToUtf8(path) + "' is not an installer package");

@@ -2,7 +2,13 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <nlohmann/json.hpp>
+#include <string>
 
 #include "tests/tool/changed_package.h"
 #include "tests/tool/tool_run.h"
@@ -477,6 +483,11 @@ TEST(Check, SuppressedByAFileOnlyWhereTheNameIsTheSame) {
                                   HasSubstr("\n1 finding, 1 suppressed.\n")));
 }
 
+std::string FileBytes(const std::wstring& path) {
+    std::ifstream file(std::filesystem::path(path), std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
 void ExpectUnusable(const std::wstring& arguments, const std::string& word) {
     const ToolRun run = RunTool(L"check " + arguments);
     EXPECT_EQ(2u, run.exitCode);
@@ -527,6 +538,25 @@ TEST(Check, WhatIsNoPackageIsNamedInOneLine) {
     ExpectUnusable(L"check_clean.msi other.msi", "other.msi");
     ExpectUnusable(L"check_clean.msi --dll nowhere.dll", "nowhere.dll");
     ExpectUnusable(L"check_clean.msi --dll keep.txt", "keep.txt");
+}
+
+TEST(Check, ADamagedPackageIsUnreadable) {
+    const std::string whole = FileBytes(kClean);
+    ASSERT_GT(whole.size(), 100000u);
+    for (const size_t zeros : {2000u, 6000u, 20000u}) {
+        // As a download leaves it that did not get to its end.
+        WriteBytes(kChanged, whole.substr(0, whole.size() - zeros) + std::string(zeros, '\0'));
+        ExpectUnusable(L"check_changed.msi", "check_changed.msi");
+        WriteBytes(kChanged, whole.substr(0, whole.size() - zeros));
+        ExpectUnusable(L"check_changed.msi", "check_changed.msi");
+    }
+    // The directory in a circle: its first entry is its own child.
+    std::string circle = whole;
+    std::uint32_t directory = 0;
+    std::memcpy(&directory, whole.data() + 0x30, sizeof(directory));
+    circle.replace((directory + 1) * size_t{512} + 76, 4, std::string(4, '\0'));
+    WriteBytes(kChanged, circle);
+    ExpectUnusable(L"check_changed.msi", "damaged");
 }
 
 TEST(Check, APackageWithoutTheLibrarySaysSo) {
