@@ -57,16 +57,19 @@ Options ReadOptions(int count, wchar_t** arguments) {
     return options;
 }
 
+/// True with the rights of an administrator in force: the group is in the token of an unelevated start as
+/// well, but only to deny. Stands on CheckTokenMembership.
 bool IsElevated() {
-    HANDLE token = nullptr;
-    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token)) {
+    SID_IDENTIFIER_AUTHORITY authority = SECURITY_NT_AUTHORITY;
+    PSID administrators = nullptr;
+    if (!AllocateAndInitializeSid(&authority, 2, SECURITY_BUILTIN_DOMAIN_RID, DOMAIN_ALIAS_RID_ADMINS, 0, 0,
+                                  0, 0, 0, 0, &administrators)) {
         return false;
     }
-    TOKEN_ELEVATION elevation = {};
-    DWORD size = sizeof(elevation);
-    const bool known = GetTokenInformation(token, TokenElevation, &elevation, size, &size) != FALSE;
-    CloseHandle(token);
-    return known && elevation.TokenIsElevated != 0;
+    BOOL isMember = FALSE;
+    const bool known = CheckTokenMembership(nullptr, administrators, &isMember) != FALSE;
+    FreeSid(administrators);
+    return known && isMember != FALSE;
 }
 
 bool Is64BitWindows() {
