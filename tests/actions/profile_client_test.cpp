@@ -3,6 +3,7 @@
 #include <aclapi.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <sddl.h>
 #include <shlobj.h>
 
@@ -1084,6 +1085,19 @@ TEST_F(UnInstallPpc, DeletesTheTreesOfBothViewsAndNothingBesideThem) {
     EXPECT_FALSE(driver.Exists(L"State\\DU"));
     EXPECT_FALSE(driver.Exists(L"State\\TUEP"));
     EXPECT_TRUE(driver.Exists(L"State\\Other"));
+}
+
+TEST_F(UnInstallPpc, TreesWithLongNamesGoWithinTheRoomOfTheirPaths) {
+    const ScratchKey tavo32(L"SOFTWARE\\TAVO", KEY_WOW64_32KEY);
+    const std::wstring below = L"\\" + std::wstring(220, L'a') + L"\\" + std::wstring(220, L'b');
+    for (const wchar_t* tree : {L"PPC", L"DU", L"DUTrack"}) {
+        tavo32.Add(tree + below);
+    }
+    EXPECT_EQ(Call("UnInstallPPC"), 0U);
+    EXPECT_EQ(_heapchk(), _HEAPOK);
+    for (const wchar_t* tree : {L"PPC", L"DU", L"DUTrack"}) {
+        EXPECT_FALSE(tavo32.Exists(tree)) << fs::path(tree);
+    }
 }
 
 TEST_F(UnInstallPpc, RemovesTheLastDriverServiceTooAndKeepsThoseOfOtherFolders) {
