@@ -19,6 +19,21 @@ std::wstring OriginalOf(const std::wstring& path) { return path + L".original"; 
 std::wstring FileNameOf(const std::wstring& path) { return std::filesystem::path(path).filename(); }
 std::wstring ExitCodeOf(const std::wstring& path) { return path + L".exitcode"; }
 
+// False when there is nothing to move. A program that has just ended may still be held for a moment.
+bool MoveAside(const std::wstring& path) {
+    for (int attempt = 0; attempt < 200; ++attempt) {
+        if (MoveFileExW(path.c_str(), OriginalOf(path).c_str(), 0) != FALSE) {
+            return true;
+        }
+        const DWORD error = GetLastError();
+        if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND) {
+            return false;
+        }
+        Sleep(10);
+    }
+    throw std::runtime_error("cannot move a tool aside: " + std::to_string(GetLastError()));
+}
+
 }  // namespace
 
 ToolRecorder::ToolRecorder() { ClearRuns(); }
@@ -41,7 +56,7 @@ void ToolRecorder::StandInFor(const std::wstring& path, unsigned exitCode) {
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
     // The original is moved, never written to: files of the Windows directory are shared with the
     // template that this prefix was made from.
-    const bool hadOriginal = MoveFileExW(path.c_str(), OriginalOf(path).c_str(), 0) != FALSE;
+    const bool hadOriginal = MoveAside(path);
     if (CopyFileW(kRecorder, path.c_str(), TRUE) == FALSE) {
         throw std::runtime_error("cannot put the recorder in place: " + std::to_string(GetLastError()));
     }
