@@ -51,7 +51,7 @@ const GUID& IdOf();
 }
 #define __uuidof(interface) (IdOf<interface>())
 
-#define IsReparseTagNameSurrogate(tag) (((tag)&0x20000000U) != 0)
+#define IsReparseTagNameSurrogate(tag) ((0x20000000U & (tag)) != 0)
 
 struct FILE_FULL_DIR_INFO {
     ULONG NextEntryOffset;

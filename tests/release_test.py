@@ -19,7 +19,7 @@ from html.parser import HTMLParser
 sys.dont_write_bytecode = True
 TEMPLATE = pathlib.Path(sys.argv.pop(2))
 ROOT = pathlib.Path(sys.argv.pop(1))
-RUNTIME = 900  # seconds for one build
+RUNTIME = 1700  # seconds for one build
 
 
 def run(*command, **options):
