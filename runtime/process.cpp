@@ -136,7 +136,8 @@ void CollectOutput(HANDLE readEnd, DWORD waiting, std::string& collected) {
 // The output up to its first zero byte, from the console's code page.
 std::wstring WidenConsoleText(const std::string& output) {
     const UINT consolePage = GetConsoleOutputCP();
-    const std::string_view shown = std::string_view(output).substr(0, output.find('\0'));
+    std::string_view shown = output;
+    shown = shown.substr(0, shown.find('\0'));
     return Widen(shown, consolePage != 0 ? consolePage : GetOEMCP());
 }
 
