@@ -31,6 +31,8 @@ constexpr const wchar_t* kClassesNotRead[] = {
 };
 /// Where Wine counts the starts of services.
 constexpr wchar_t kServiceCount[] = L"HKLM\\System\\CurrentControlSet\\Control\\ServiceCurrent";
+/// The same keys once more: CurrentControlSet is a link to it, except on older releases of Wine.
+constexpr wchar_t kControlSet[] = L"HKLM\\System\\ControlSet001";
 constexpr wchar_t kClassIds[] = L"HKLM\\Software\\Classes\\CLSID\\";
 
 bool EqualsAny(const std::wstring& text, const wchar_t* const* first, const wchar_t* const* last) {
@@ -55,12 +57,14 @@ public:
 
 private:
     bool IsSkipped(const std::wstring& shown) const {
+        if (_wcsicmp(shown.c_str(), kServiceCount) == 0 || _wcsicmp(shown.c_str(), kControlSet) == 0) {
+            return true;
+        }
         if (depth_ == Depth::Everything) {
-            return _wcsicmp(shown.c_str(), kServiceCount) == 0;
+            return false;
         }
         const std::size_t length = wcslen(kClassIds);
-        return _wcsicmp(shown.c_str(), kServiceCount) == 0 ||
-               EqualsAny(shown, std::begin(kClassesNotRead), std::end(kClassesNotRead)) ||
+        return EqualsAny(shown, std::begin(kClassesNotRead), std::end(kClassesNotRead)) ||
                _wcsnicmp(shown.c_str(), kClassIds, length) == 0;
     }
 
