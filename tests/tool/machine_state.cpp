@@ -31,6 +31,12 @@ constexpr const wchar_t* kClassesNotRead[] = {
 };
 /// Where Wine counts the starts of services.
 constexpr wchar_t kServiceCount[] = L"HKLM\\System\\CurrentControlSet\\Control\\ServiceCurrent";
+/// What the command interpreter of newer releases of Wine keeps of a pipe, in the temporary folder.
+bool IsPipeFile(const std::wstring& name) {
+    return name.size() > 7 && _wcsnicmp(name.c_str(), L"CMD", 3) == 0 &&
+           _wcsicmp(name.c_str() + name.size() - 4, L".tmp") == 0;
+}
+
 /// The same keys once more: CurrentControlSet is a link to it, except on older releases of Wine.
 constexpr wchar_t kControlSet[] = L"HKLM\\System\\ControlSet001";
 constexpr wchar_t kClassIds[] = L"HKLM\\Software\\Classes\\CLSID\\";
@@ -127,7 +133,8 @@ void ReadFiles(MachineState& state, const std::wstring& folder) {
     do {
         const std::wstring name = data.cFileName;
         const std::wstring path = folder + L'\\' + name;
-        if (name == L"." || name == L".." || EqualsAny(path, std::begin(kOwnFiles), std::end(kOwnFiles))) {
+        if (name == L"." || name == L".." || IsPipeFile(name) ||
+            EqualsAny(path, std::begin(kOwnFiles), std::end(kOwnFiles))) {
             continue;
         }
         const bool isLink = (data.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
