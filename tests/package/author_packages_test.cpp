@@ -18,7 +18,7 @@ protected:
     void TearDown() override {
         RunInstaller(std::wstring(L"/x ") + kOneAction);
         RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\QEL");
-        std::filesystem::remove_all("C:\\corvi\\Old camera");
+        RemoveFolder("C:\\corvi\\Old camera");
     }
     static InstallerRun Run(const std::wstring& arguments) {
         return RunInstaller(std::wstring(L"/i ") + kOneAction + L" " + arguments);

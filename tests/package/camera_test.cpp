@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <fstream>
 
 #include "tests/package/machine.h"
@@ -95,7 +94,7 @@ TEST_F(CameraPackage, TheRemovalInAnUpgradeKeepsWhatTheUserHasInTheFolderAndTheC
     EXPECT_FALSE(run.Ran("DeleteOPTXCameraGUID"));
     EXPECT_TRUE(FileExists(std::wstring(kFolder) + L"\\calibration.dat"));
     EXPECT_TRUE(MachineValue(kChain, L"CameraDeviceMftClsidChain"));
-    std::filesystem::remove_all("C:\\Program Files\\TAVO\\Camera");
+    RemoveFolder("C:\\Program Files\\TAVO\\Camera");
 }
 
 // Wine has removed the files by the time the rollback action runs, so that what is unregistered can be seen

@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
@@ -15,6 +16,9 @@ std::optional<std::wstring> MachineValue(const std::wstring& key, const std::wst
 void SetMachineText(const std::wstring& key, const std::wstring& name, const std::wstring& text);
 void SetMachineNumber(const std::wstring& key, const std::wstring& name, DWORD number);
 bool FileExists(const std::wstring& path);
+/// Removes a folder with all that is in it. Waits up to ten seconds for a program that is ending and still
+/// holds it.
+void RemoveFolder(const std::filesystem::path& folder);
 /// The product codes that are installed under an upgrade code.
 std::vector<std::wstring> InstalledProducts(const std::wstring& upgradeCode);
 /// Uninstalls every product that is installed under an upgrade code, each with the given properties.
