@@ -21,7 +21,7 @@ namespace fs = std::filesystem;
 
 constexpr wchar_t kConsent[] = L"--this-machine-may-be-thrown-away";
 constexpr wchar_t kStage[] = L"C:\\corvi";
-constexpr DWORD kDefaultLimitSeconds = 300;
+constexpr DWORD kDefaultLimitSeconds = 900;
 constexpr int kRefused = 2;
 
 struct Options {
