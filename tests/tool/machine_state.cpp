@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cwchar>
+#include <iterator>
 
 namespace corvi::test {
 namespace {
@@ -31,10 +32,13 @@ constexpr const wchar_t* kClassesNotRead[] = {
 };
 /// Where Wine counts the starts of services.
 constexpr wchar_t kServiceCount[] = L"HKLM\\System\\CurrentControlSet\\Control\\ServiceCurrent";
-/// What the command interpreter of newer releases of Wine keeps of a pipe, in the temporary folder.
-bool IsPipeFile(const std::wstring& name) {
-    return name.size() > 7 && _wcsnicmp(name.c_str(), L"CMD", 3) == 0 &&
-           _wcsicmp(name.c_str() + name.size() - 4, L".tmp") == 0;
+/// What the command interpreter of newer releases of Wine keeps of a pipe: "CMD" and four digits in a folder
+/// of temporary files.
+bool IsPipeFile(const std::wstring& folder, const std::wstring& name) {
+    constexpr wchar_t kTemporary[] = L"\\Temp";
+    constexpr std::size_t kLength = std::size(kTemporary) - 1;
+    return folder.size() > kLength && _wcsicmp(folder.c_str() + folder.size() - kLength, kTemporary) == 0 &&
+           name.size() == 11 && name.compare(0, 3, L"CMD") == 0 && name.compare(7, 4, L".tmp") == 0;
 }
 
 /// The same keys once more: CurrentControlSet is a link to it, except on older releases of Wine.
@@ -133,7 +137,7 @@ void ReadFiles(MachineState& state, const std::wstring& folder) {
     do {
         const std::wstring name = data.cFileName;
         const std::wstring path = folder + L'\\' + name;
-        if (name == L"." || name == L".." || IsPipeFile(name) ||
+        if (name == L"." || name == L".." || IsPipeFile(folder, name) ||
             EqualsAny(path, std::begin(kOwnFiles), std::end(kOwnFiles))) {
             continue;
         }

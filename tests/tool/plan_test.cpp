@@ -35,6 +35,48 @@ constexpr wchar_t kOdd[] = L" --dll C:\\corvi\\odd_actions.dll";
 constexpr wchar_t kFolder[] = L"C:\\Program Files\\TAVO\\HX";
 constexpr wchar_t kHXNext[] = L"SOFTWARE\\QEL Technologies\\Install\\HXNext";
 
+/// The user's two tokens, with the administrators' rights and without. A platform may start a program with
+/// either.
+class Tokens {
+public:
+    Tokens() {
+        HANDLE own = nullptr;
+        OpenProcessToken(GetCurrentProcess(), TOKEN_ALL_ACCESS, &own);
+        TOKEN_LINKED_TOKEN linked = {};
+        DWORD size = sizeof(linked);
+        GetTokenInformation(own, TokenLinkedToken, &linked, size, &size);
+        HANDLE other = nullptr;
+        DuplicateTokenEx(linked.LinkedToken, TOKEN_ALL_ACCESS, nullptr, SecurityImpersonation, TokenPrimary,
+                         &other);
+        CloseHandle(linked.LinkedToken);
+        full_ = IsElevated(own) ? own : other;
+        limited_ = IsElevated(own) ? other : own;
+    }
+    ~Tokens() {
+        CloseHandle(full_);
+        CloseHandle(limited_);
+    }
+    Tokens(const Tokens&) = delete;
+    Tokens& operator=(const Tokens&) = delete;
+
+    HANDLE Full() const { return full_; }
+    HANDLE Limited() const { return limited_; }
+
+private:
+    static bool IsElevated(HANDLE token) {
+        TOKEN_ELEVATION elevation = {};
+        DWORD size = sizeof(elevation);
+        return GetTokenInformation(token, TokenElevation, &elevation, size, &size) != FALSE &&
+               elevation.TokenIsElevated != 0;
+    }
+
+    HANDLE full_ = nullptr;
+    HANDLE limited_ = nullptr;
+};
+
+/// The tool's answer to a user with the administrators' rights.
+ToolRun RunElevated(const std::wstring& arguments) { return RunToolAs(Tokens().Full(), arguments); }
+
 Json Parsed(const ToolRun& run) {
     const Json json = Json::parse(run.output, nullptr, false);
     EXPECT_FALSE(json.is_discarded()) << run.output << run.error;
@@ -137,8 +179,8 @@ TEST_F(PlanVerb, FitsTheConsole) {
 }
 
 TEST_F(PlanVerb, SaysSoWhenNothingWouldChange) {
-    EXPECT_THAT(RunTool(L"plan DeleteQELKey").output,
-                HasSubstr("plan of DeleteQELKey: nothing would change\n"));
+    EXPECT_THAT(RunElevated(L"plan DeleteQELKey").output,
+                StartsWith("plan of DeleteQELKey: nothing would change\n"));
     EXPECT_THAT(Lines(Planned(L"DeleteQELKey")), IsEmpty());
 }
 
@@ -288,9 +330,9 @@ TEST_F(PlanVerb, AndRunLeaveNoTemporaryFileHoweverTheActionEnds) {
 
 TEST_F(PlanVerb, RunDoesItAndExplainsAResultThatIsNoFailure) {
     StoreText(L"SOFTWARE\\Wow6432Node\\QEL\\ACE\\Settings\\MOM\\Install", L"a", L"b");
-    const ToolRun run = RunTool(L"run DelInstallProxyKey");
+    const ToolRun run = RunElevated(L"run DelInstallProxyKey");
     EXPECT_EQ(run.exitCode, 0U) << run.output;
-    EXPECT_THAT(run.output, AllOf(HasSubstr("run of DelInstallProxyKey\n"),
+    EXPECT_THAT(run.output, AllOf(StartsWith("run of DelInstallProxyKey\n"),
                                   HasSubstr("DelInstallProxyKey successfully"), HasSubstr("result 1: ")));
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Wow6432Node\\QEL\\ACE\\Settings\\MOM\\Install"));
 }
@@ -328,45 +370,6 @@ TEST_F(PlanVerb, WaitsForNothing) {
 
 // Elevation
 
-/// The user's two tokens, with the administrators' rights and without. A platform may start a program with
-/// either.
-class Tokens {
-public:
-    Tokens() {
-        HANDLE own = nullptr;
-        OpenProcessToken(GetCurrentProcess(), TOKEN_ALL_ACCESS, &own);
-        TOKEN_LINKED_TOKEN linked = {};
-        DWORD size = sizeof(linked);
-        GetTokenInformation(own, TokenLinkedToken, &linked, size, &size);
-        HANDLE other = nullptr;
-        DuplicateTokenEx(linked.LinkedToken, TOKEN_ALL_ACCESS, nullptr, SecurityImpersonation, TokenPrimary,
-                         &other);
-        CloseHandle(linked.LinkedToken);
-        full_ = IsElevated(own) ? own : other;
-        limited_ = IsElevated(own) ? other : own;
-    }
-    ~Tokens() {
-        CloseHandle(full_);
-        CloseHandle(limited_);
-    }
-    Tokens(const Tokens&) = delete;
-    Tokens& operator=(const Tokens&) = delete;
-
-    HANDLE Full() const { return full_; }
-    HANDLE Limited() const { return limited_; }
-
-private:
-    static bool IsElevated(HANDLE token) {
-        TOKEN_ELEVATION elevation = {};
-        DWORD size = sizeof(elevation);
-        return GetTokenInformation(token, TokenElevation, &elevation, size, &size) != FALSE &&
-               elevation.TokenIsElevated != 0;
-    }
-
-    HANDLE full_ = nullptr;
-    HANDLE limited_ = nullptr;
-};
-
 TEST_F(PlanVerb, SaysThatItIsNotElevatedWhereTheActionNeedsIt) {
     const Tokens tokens;
     ASSERT_NE(tokens.Limited(), nullptr);
@@ -400,9 +403,9 @@ TEST_F(PlanVerb, AndRunSayInOneLineThatAnActionFails) {
 }
 
 TEST_F(PlanVerb, TakesActionDataThatIsSetAsAPropertyForGiven) {
-    EXPECT_THAT(RunTool(L"plan DeleteDMFTDirectory").output, HasSubstr("note: no action data given"));
-    EXPECT_THAT(RunTool(L"plan DeleteDMFTDirectory --set CustomActionData=InstallDir=C:\\none\\").output,
-                AllOf(HasSubstr("plan of DeleteDMFTDirectory"), Not(HasSubstr("no action data"))));
+    EXPECT_THAT(RunElevated(L"plan DeleteDMFTDirectory").output, StartsWith("note: no action data given"));
+    EXPECT_THAT(RunElevated(L"plan DeleteDMFTDirectory --set CustomActionData=InstallDir=C:\\none\\").output,
+                StartsWith("plan of DeleteDMFTDirectory"));
 }
 
 TEST_F(PlanVerb, AndRunRefuseWrongUsageInOneLine) {
