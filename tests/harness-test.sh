@@ -64,4 +64,14 @@ same_layout() {
 }
 expect "where the machine permits it, every program is laid out the same way" same_layout
 
+# Debian's Wine names in the prefix the folder of /tmp that holds its server's socket.
+leaves_nothing() {
+  [ -f "$WINEPREFIX/wineserver" ] || return 0
+  server=/tmp/$(cat "$WINEPREFIX/wineserver")
+  [ -d "$server" ] || return 1
+  corvi_drop_prefix
+  [ ! -e "$server" ] && [ ! -e "$WINEPREFIX" ]
+}
+expect "a dropped prefix leaves nothing, its server's folder neither" leaves_nothing
+
 exit "$failures"

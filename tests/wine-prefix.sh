@@ -4,6 +4,7 @@
 #                                       Wine needs; STAGE's files are copied to C:\corvi
 #   corvi_wait_for_services             waits until its service manager answers
 #   corvi_drop_prefix                   ends its programs and removes it
+#   corvi_drop_server PREFIX            removes what an ended Wine server leaves outside its prefix
 
 # Wine names files by the locale's character set: without this a bare machine has no names outside ASCII.
 export LC_ALL=C.UTF-8
@@ -41,7 +42,18 @@ corvi_wait_for_services() {
 }
 
 corvi_drop_prefix() {
-  [ -n "${WINEPREFIX:-}" ] || return 0
+  [ -d "${WINEPREFIX:-}" ] || return 0
   wineserver -k 2>/dev/null || true
+  corvi_drop_server "$WINEPREFIX"
   rm -rf "$WINEPREFIX" 2>/dev/null || { sleep 1; rm -rf "$WINEPREFIX"; }
+}
+
+# Debian's Wine keeps the server's socket in a folder of /tmp, named in the prefix, and leaves it there.
+corvi_drop_server() {
+  [ -f "$1/wineserver" ] || return 0
+  server=$(cat "$1/wineserver")
+  case $server in
+    */*) ;;
+    wine-??????) rm -rf "/tmp/$server" ;;
+  esac
 }

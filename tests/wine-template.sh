@@ -4,6 +4,7 @@
 # usage: wine-template.sh DIRECTORY
 set -eu
 
+. "$(dirname "$0")/wine-prefix.sh"
 template=$1
 complete() { [ -f "$template/.complete" ] && [ -x "$template/loader/wine" ]; }
 complete && exit 0
@@ -53,6 +54,7 @@ set_value 'HKLM\SOFTWARE\Microsoft\Windows NT\CurrentVersion' UBR REG_DWORD 2861
 set_value 'HKLM\SOFTWARE\Microsoft\Windows NT\CurrentVersion\AeDebug' Debugger REG_SZ false
 wineserver -k 2>/dev/null || true
 wineserver -w 2>/dev/null || true
+corvi_drop_server "$template"
 
 find "$template/drive_c/users" -type l | while read -r link; do
   rm "$link"
