@@ -114,10 +114,26 @@ protected:
         EXPECT_THAT(driverKey.Bytes(L"DalDCEFilePathSize"), IsEmpty());
     }
 
+    /// Keeps the key by which the library works on the first adapter: the machine may have adapters of the
+    /// suite of its own.
+    void WatchFirstDriverKey() {
+        CORVI_HOOK(hooks_, RegOpenKeyExW,
+                   [this](HKEY root, LPCWSTR subkey, DWORD options, REGSAM access, PHKEY key) -> LSTATUS {
+                       const LSTATUS status = RegOpenKeyExW(root, subkey, options, access, key);
+                       if (subkey == first_.Path()) {
+                           firstDriverKey_ = *key;
+                       } else if (*key == firstDriverKey_) {
+                           firstDriverKey_ = nullptr;
+                       }
+                       return status;
+                   });
+    }
+
     static inline const std::wstring kLogFile =
         L"C:\\corvi\\no such\\temp\\TAVO\\HX\\Analytics\\qelkmdag_dce.log";
     ScratchKey first_{kClassKey + std::wstring(kFirstDriver)};
     ScratchKey second_{kClassKey + std::wstring(kSecondDriver)};
+    HKEY firstDriverKey_ = nullptr;
 
 private:
     wchar_t temporaryBefore_[MAX_PATH] = {};
@@ -240,11 +256,14 @@ TEST_F(SetDCLogFileRegistryTest, ADriverKeyNameThatIsEmptyOrDoesNotFitItsBufferN
 
 TEST_F(SetDCLogFileRegistryTest, ThePathIsWrittenBeforeItsSize) {
     const Adapter adapter(L"0001", L"TAVO", kFirstDriver);
+    WatchFirstDriverKey();
     std::vector<std::wstring> written;
     CORVI_HOOK(
         hooks_, RegSetValueExW,
         [&](HKEY key, LPCWSTR name, DWORD reserved, DWORD type, const BYTE* data, DWORD size) -> LSTATUS {
-            written.emplace_back(name);
+            if (key == firstDriverKey_) {
+                written.emplace_back(name);
+            }
             return RegSetValueExW(key, name, reserved, type, data, size);
         });
     EXPECT_EQ(Call("SetDCLogFileRegistry"), 0U);
@@ -254,11 +273,14 @@ TEST_F(SetDCLogFileRegistryTest, ThePathIsWrittenBeforeItsSize) {
 TEST_F(SetDCLogFileRegistryTest, TheDriversVersionIsReadAndLeftAsItIs) {
     first_.SetText(L"", L"DriverVersion", L"31.0.1");
     const Adapter adapter(L"0001", L"TAVO", kFirstDriver);
+    WatchFirstDriverKey();
     std::vector<std::wstring> queried;
     CORVI_HOOK(
         hooks_, RegQueryValueExW,
         [&](HKEY key, LPCWSTR name, LPDWORD reserved, LPDWORD type, LPBYTE data, LPDWORD size) -> LSTATUS {
-            queried.emplace_back(name);
+            if (key == firstDriverKey_) {
+                queried.emplace_back(name);
+            }
             return RegQueryValueExW(key, name, reserved, type, data, size);
         });
     EXPECT_EQ(Call("SetDCLogFileRegistry"), 0U);

@@ -380,9 +380,12 @@ const std::vector<Scenario> kCamera = {
 // ---- The older client, recording and VR, the driver
 
 constexpr GUID kDisplayClass = {0x4d36e968, 0xe325, 0x11ce, {0xbf, 0xc1, 0x08, 0x00, 0x2b, 0xe1, 0x03, 0x18}};
+constexpr wchar_t kClassKey[] = L"SYSTEM\\CurrentControlSet\\Control\\Class\\";
 constexpr wchar_t kDriverKey[] = L"{4D36E968-E325-11CE-BFC1-08002BE10318}\\0901";
 
-/// A display adapter of the suite's maker, for as long as the machine lives.
+constexpr wchar_t kAdapter[] = L"ROOT\\CORVI\\0901";
+
+/// A display adapter of the suite's maker, until it is removed.
 void AddAdapter() {
     const HDEVINFO devices = SetupDiCreateDeviceInfoList(&kDisplayClass, nullptr);
     SP_DEVINFO_DATA device = {};
@@ -394,12 +397,23 @@ void AddAdapter() {
                                                  reinterpret_cast<const BYTE*>(text.c_str()),
                                                  static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
     };
-    SetupDiCreateDeviceInfoW(devices, L"ROOT\\CORVI\\0901", &kDisplayClass, nullptr, nullptr, 0, &device);
+    SetupDiCreateDeviceInfoW(devices, kAdapter, &kDisplayClass, nullptr, nullptr, 0, &device);
     set(SPDRP_MFG, maker);
     set(SPDRP_DRIVER, driver);
     SetupDiRegisterDeviceInfo(devices, &device, 0, nullptr, nullptr, nullptr);
     SetupDiDestroyDeviceInfoList(devices);
-    MakeKey(std::wstring(L"SYSTEM\\CurrentControlSet\\Control\\Class\\") + kDriverKey);
+    MakeKey(kClassKey + std::wstring(kDriverKey));
+}
+
+void RemoveAdapter() {
+    const HDEVINFO devices = SetupDiCreateDeviceInfoList(&kDisplayClass, nullptr);
+    SP_DEVINFO_DATA device = {};
+    device.cbSize = sizeof(device);
+    if (SetupDiOpenDeviceInfoW(devices, kAdapter, nullptr, 0, &device) != FALSE) {
+        SetupDiRemoveDevice(devices, &device);
+    }
+    SetupDiDestroyDeviceInfoList(devices);
+    DropKey(kClassKey + std::wstring(kDriverKey));
 }
 
 void InstallStaleDriver(bool running) {
@@ -442,7 +456,11 @@ const std::vector<Scenario> kOthers = {
              SetNumber(L"SOFTWARE\\QEL Technologies\\Install", L"TAVODVR_Enabled", 1);
              DropKey(L"SOFTWARE\\TAVODVR");
          }},
-    {.name = "SetDCLogFileRegistry", .action = "SetDCLogFileRegistry", .result = 0, .prepare = AddAdapter},
+    {.name = "SetDCLogFileRegistry",
+     .action = "SetDCLogFileRegistry",
+     .result = 0,
+     .prepare = AddAdapter,
+     .leave = RemoveAdapter},
     {.name = "PreInstallKMSDK, a driver that runs",
      .action = "PreInstallKMSDK",
      .result = 0,

@@ -20,6 +20,8 @@ struct Scenario {
     std::function<void()> setUp = [] {};
     /// Makes once what no run changes.
     std::function<void()> prepare = [] {};
+    /// Takes away afterwards what other test programs would meet on a machine that they share.
+    std::function<void()> leave = [] {};
 };
 
 const std::vector<Scenario>& AllScenarios();

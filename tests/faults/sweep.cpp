@@ -321,6 +321,7 @@ void WorkOn(Stage& stage, Record& record, const Scenario& scenario, size_t first
             record.Write("exception " + exception);
         }
     }
+    scenario.leave();
 }
 
 bool IsOrdered(const SweepOrder& order, size_t index) {
