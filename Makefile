@@ -1,5 +1,5 @@
 # The front door. Every target sets up what it needs first; 'make help' lists them.
-.PHONY: help setup build clang portability debug demo test mutants check bench dist sign windows-kit sweep clean
+.PHONY: help setup build clang portability debug demo test mutants check bench dist sign windows-kit sweep soak clean
 .DEFAULT_GOAL := help
 
 # The sources stay clean: no compiled scripts beside them.
@@ -66,6 +66,10 @@ sign: setup-sign build ## sign the DLL and the tool: make sign CERT=chain.pem KE
 sweep: setup-build build/release/CMakeCache.txt ## every fault of the fault sweep, not only the sample of 'make test'
 	@cmake --build --preset release --target fault_sweep_test -j $(JOBS)
 	@CORVI_FAULTS_ONE_OF=1 ctest --preset release -R fault_sweep_test -V
+
+soak: setup-test build/release/CMakeCache.txt ## the suite 20 times beside endless programs, in another order each time: [SOAK="RUNS BUSY"]
+	@cmake --build --preset release -j $(JOBS)
+	@sh scripts/soak.sh $(SOAK)
 
 windows-kit: setup-build build/release/CMakeCache.txt ## the tests for a real Windows machine: build/corvi-windows-kit-VERSION.zip
 	@cmake --build --preset release -j $(JOBS)
