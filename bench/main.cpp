@@ -12,26 +12,18 @@
 
 #include "bench/harness.h"
 #include "bench/rows.h"
+#include "tests/support/throwaway_machine.h"
 
 namespace {
 
 constexpr int kRounds = 7;
 constexpr char kJsonFollows[] = "--- json ---\n";
 
-// The rows write to the machine's registry and delete folders.
-bool IsThrowawayMachine() {
-    DWORD mark = 0;
-    DWORD size = sizeof(mark);
-    return RegGetValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\CorviTests", L"ThrowawayMachine", RRF_RT_REG_DWORD,
-                        nullptr, &mark, &size) == ERROR_SUCCESS &&
-           mark == 1;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
     using namespace corvi::bench;
-    if (!IsThrowawayMachine()) {
+    if (!corvi::test::IsThrowawayMachine()) {
         std::fprintf(stderr, "This machine is not marked as throwaway; nothing was measured.\n");
         return 2;
     }

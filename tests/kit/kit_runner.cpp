@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/throwaway_machine.h"
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -92,13 +94,6 @@ const wchar_t* Refusal(const Options& options) {
         return L"The tests need an elevated command prompt (Run as administrator).";
     }
     return nullptr;
-}
-
-/// The mark without which no test program starts.
-bool MarkMachine() {
-    const DWORD mark = 1;
-    return RegSetKeyValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\CorviTests", L"ThrowawayMachine", REG_DWORD, &mark,
-                           sizeof(mark)) == ERROR_SUCCESS;
 }
 
 /// C:\corvi as each test program expects it: the kit's stage and nothing that an earlier program left. What
@@ -246,7 +241,7 @@ void PrintRow(const Outcome& outcome) {
 int wmain(int count, wchar_t** arguments) {
     const Options options = ReadOptions(count, arguments);
     const wchar_t* refusal = Refusal(options);
-    if (refusal == nullptr && !MarkMachine()) {
+    if (refusal == nullptr && !corvi::test::MarkAsThrowawayMachine()) {
         refusal = L"The machine could not be marked in the registry.";
     }
     if (refusal != nullptr) {

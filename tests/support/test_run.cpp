@@ -7,19 +7,10 @@
 
 #include "tests/support/process_starts.h"
 #include "tests/support/test_run.h"
+#include "tests/support/throwaway_machine.h"
 
 namespace corvi::test {
 namespace {
-
-// These tests write to the machine's registry and delete directories: they only start on a machine
-// that was made for it.
-bool IsThrowawayMachine() {
-    DWORD mark = 0;
-    DWORD size = sizeof(mark);
-    return RegGetValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\CorviTests", L"ThrowawayMachine", RRF_RT_REG_DWORD,
-                        nullptr, &mark, &size) == ERROR_SUCCESS &&
-           mark == 1;
-}
 
 // A machine that has just come up starts its service manager beside the first programs: tests of services,
 // of tasks and of the installer would meet none.
