@@ -1,6 +1,7 @@
 #include "tests/faults/expectations.h"
 
 #include <algorithm>
+#include <initializer_list>
 #include <map>
 #include <utility>
 #include <vector>
@@ -177,6 +178,34 @@ bool StandsIn(const Substitution& row, const std::string& action, const std::wst
     return change.rfind(row.change, 0) == 0 && IsMade(touched, row.other, Object(change, row.change));
 }
 
+// ---- Parts of something that goes as a whole
+
+constexpr char kPartOfTreeRow[] = "all actions: what lies in a tree that the good run deletes goes by itself";
+constexpr char kPartOfFolderRow[] =
+    "all actions: what lies in the folder that is to go goes, though a good run stops at a file in use";
+constexpr wchar_t kDeletesTree[] = L"delete tree ";
+
+/// True for whole itself, and for what is below it.
+bool IsWithin(const std::wstring& object, const std::wstring& whole) {
+    return object.rfind(whole, 0) == 0 &&
+           (object.size() == whole.size() || object[whole.size()] == L'\\' || object[whole.size()] == L'|');
+}
+
+bool IsWithinDeletedTree(const std::wstring& object, const std::set<std::wstring>& touched) {
+    return std::any_of(touched.begin(), touched.end(), [&](const std::wstring& made) {
+        return made.rfind(kDeletesTree, 0) == 0 && IsWithin(object, Object(made, kDeletesTree));
+    });
+}
+
+/// True when change is one of the verbs' and done is true of its object.
+template <typename Predicate>
+bool IsDoneTo(const std::wstring& change, std::initializer_list<const wchar_t*> verbs,
+              const Predicate& done) {
+    return std::any_of(verbs.begin(), verbs.end(), [&](const std::wstring verb) {
+        return change.rfind(verb, 0) == 0 && done(change.substr(verb.size()));
+    });
+}
+
 // ---- What stays open
 
 constexpr char kItemList[] = "item list SHGetFolderLocation";
@@ -266,12 +295,26 @@ std::string MayStandIn(const std::string& action, const std::wstring& change,
     return row != rows.end() ? RowText(*row) : "";
 }
 
+std::string MayGoWithTheWhole(const std::wstring& change, const std::set<std::wstring>& touched,
+                              const std::wstring& wholeFolder) {
+    if (IsDoneTo(change, {L"delete value ", L"delete key ", kDeletesTree},
+                 [&](const std::wstring& object) { return IsWithinDeletedTree(object, touched); })) {
+        return kPartOfTreeRow;
+    }
+    if (!wholeFolder.empty() &&
+        IsDoneTo(change, {L"delete ", L"delete at restart ", L"attributes "},
+                 [&](const std::wstring& object) { return IsWithin(object, wholeFolder); })) {
+        return kPartOfFolderRow;
+    }
+    return "";
+}
+
 std::string MayStayOpen(const std::string& resource, const std::string& faulty) {
     return resource == kItemList && faulty == kShellAllocator ? kItemListRow : "";
 }
 
 std::vector<std::string> AllExceptions() {
-    std::vector<std::string> all = {kItemListRow};
+    std::vector<std::string> all = {kItemListRow, kPartOfTreeRow, kPartOfFolderRow};
     for (const auto& row : kLetErrorOut) {
         all.push_back(ErrorRow(row));
     }

@@ -25,6 +25,11 @@ std::string MayLetErrorOut(const std::string& action, const std::string& type);
 std::string MayStandIn(const std::string& action, const std::wstring& change,
                        const std::set<std::wstring>& touched, const std::string& faulty);
 
+/// A change within something that goes as a whole: a registry tree that the good run deletes, or wholeFolder
+/// (empty: none), the folder that the action is to delete.
+std::string MayGoWithTheWhole(const std::wstring& change, const std::set<std::wstring>& touched,
+                              const std::wstring& wholeFolder);
+
 /// Something that is left open: "item list SHGetFolderLocation".
 std::string MayStayOpen(const std::string& resource, const std::string& faulty);
 

@@ -21,6 +21,10 @@ void DropKey(const std::wstring& key, HKEY root) {
     RegDeleteKeyW(root, key.c_str());
 }
 
+void DropValue(const std::wstring& key, const std::wstring& name) {
+    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), name.c_str());
+}
+
 void MakeKey(const std::wstring& key, HKEY root) {
     HKEY made = nullptr;
     if (RegCreateKeyExW(root, key.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &made, nullptr) !=

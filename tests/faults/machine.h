@@ -16,6 +16,8 @@ inline constexpr wchar_t kFolder[] = L"C:\\faults";
 
 /// Deletes a key with everything below it.
 void DropKey(const std::wstring& key, HKEY root = HKEY_LOCAL_MACHINE);
+/// Deletes a value.
+void DropValue(const std::wstring& key, const std::wstring& name);
 void MakeKey(const std::wstring& key, HKEY root = HKEY_LOCAL_MACHINE);
 void SetText(const std::wstring& key, const std::wstring& name, const std::wstring& text, DWORD type = REG_SZ,
              HKEY root = HKEY_LOCAL_MACHINE);

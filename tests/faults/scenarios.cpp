@@ -42,6 +42,26 @@ void InstallSettingsApplication() {
     RegisterSettingsApplication(Below(L"hx"));
 }
 
+/// Keeps one file of the registered folder open: it can be renamed, but not deleted.
+HANDLE& OpenedFile() {
+    static HANDLE file = INVALID_HANDLE_VALUE;
+    return file;
+}
+
+void CloseFile() {
+    if (OpenedFile() != INVALID_HANDLE_VALUE) {
+        CloseHandle(OpenedFile());
+        OpenedFile() = INVALID_HANDLE_VALUE;
+    }
+}
+
+void InstallSettingsApplicationInUse() {
+    CloseFile();
+    InstallSettingsApplication();
+    OpenedFile() = CreateFileW(Below(L"hx\\sub\\deep.txt").c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                               OPEN_EXISTING, 0, nullptr);
+}
+
 // ---- The settings application
 
 const std::vector<Scenario> kSettings = {
@@ -63,6 +83,16 @@ const std::vector<Scenario> kSettings = {
              DropKey(L"SOFTWARE\\QEL Technologies");
              MakeTree(Below(L"elsewhere"));
          }},
+    {.name = "DeleteHXFolder, a file is in use",
+     .action = "DeleteHXFolder",
+     .result = 0,
+     .setUp = InstallSettingsApplicationInUse,
+     .wholeFolder = L"C:\\FAULTS\\HX",
+     .leave = CloseFile},
+    {.name = "DeleteHXFolder, nothing is registered",
+     .action = "DeleteHXFolder",
+     .result = 1,
+     .setUp = [] { DropKey(L"SOFTWARE\\QEL Technologies"); }},
     {.name = "DeleteHXINSTALLDIRFolder",
      .action = "DeleteHXINSTALLDIRFolder",
      .result = 0,
@@ -121,6 +151,16 @@ const std::vector<Scenario> kSettings = {
              MakeFile(L"branding\\gone.txt");
              MakeFile(L"branding\\Skins of ours.txt");
          }},
+    {.name = "DeleteandRetainValues, without a branding key",
+     .action = "DeleteandRetainValues",
+     .result = 0,
+     .setUp =
+         [] {
+             DropKey(L"SOFTWARE\\TAVOBranding");
+             SetText(L"SOFTWARE\\TAVO\\HX", L"HXBrandingInstallDir", Below(L"branding"));
+             MakeTree(Below(L"branding\\gone folder"));
+             MakeFile(L"branding\\gone.txt");
+         }},
     {.name = "UninstallTAVOChat",
      .action = "UninstallTAVOChat",
      .result = 0,
@@ -172,9 +212,26 @@ void InstallProfileClient() {
     DropKey(L"SOFTWARE\\TAVO\\Install");
 }
 
+void RemoveProfileClient() {
+    DropFolder(kProfileFolder);
+    DropFolder(kProfileFolderX86);
+    DropKey(L"SOFTWARE\\TAVO\\PPC");
+    DropKey(L"SOFTWARE\\TAVO\\DU");
+    DropKey(L"SOFTWARE\\Wow6432Node\\TAVO\\PPC");
+    AddService(L"Other", L"other.exe");
+}
+
 const std::vector<Scenario> kProfileClient = {
     {.name = "PreInstallPPC", .action = "PreInstallPPC", .result = 0, .setUp = InstallProfileClient},
     {.name = "UnInstallPPC", .action = "UnInstallPPC", .result = 0, .setUp = InstallProfileClient},
+    {.name = "PreInstallPPC, on a machine without the client",
+     .action = "PreInstallPPC",
+     .result = 0,
+     .setUp = RemoveProfileClient},
+    {.name = "UnInstallPPC, on a machine without the client",
+     .action = "UnInstallPPC",
+     .result = 0,
+     .setUp = RemoveProfileClient},
     {.name = "PostUnInstallKITE",
      .action = "PostUnInstallKITE",
      .result = 0,
@@ -192,6 +249,16 @@ const std::vector<Scenario> kProfileClient = {
          [] {
              MakeFile(L"sdk\\tuning.exe");
              AddService(L"TAVOTuningService", Below(L"sdk\\tuning.exe"));
+             AddService(L"Other", L"other.exe");
+         }},
+    {.name = "DeleteServiceIfBinaryIsInDirectory, quoted and with arguments",
+     .action = "DeleteServiceIfBinaryIsInDirectory",
+     .result = 0,
+     .actionData = L"ServiceName=TAVOTuningService;DirectoryOfBinary=C:\\faults\\sdk\\",
+     .setUp =
+         [] {
+             MakeFile(L"sdk\\tuning.exe");
+             AddService(L"TAVOTuningService", L"\"" + Below(L"sdk\\tuning.exe") + L"\" -service", false);
              AddService(L"Other", L"other.exe");
          }},
     {.name = "DeleteServiceIfBinaryIsInDirectory, elsewhere",
@@ -212,52 +279,101 @@ constexpr wchar_t kTuepName[] = L"TAVO User Experience Program Installer";
 constexpr wchar_t kPackedUpgradeCode[] = L"F479FF4120814D348BEF87FA159D116D";
 constexpr wchar_t kInstaller[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Installer";
 
+constexpr wchar_t kUserData[] =
+    L"Software\\Microsoft\\Windows\\CurrentVersion\\Installer\\UserData\\S-1-5-18";
+constexpr wchar_t kFolders[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Installer\\Folders";
 constexpr wchar_t kInstallerOfUser[] = L".DEFAULT\\Software\\Microsoft\\Installer";
 
-/// An installed product as the installer's own registration has it. number: 1 to 9.
-void RegisterProduct(int number, const std::wstring& name, const std::wstring& version) {
-    const std::wstring digit = std::to_wstring(number);
-    const std::wstring code = L"{7E57000" + digit + L"-AAAA-4B00-8C00-000000000000}";
-    const std::wstring packed = digit + L"00075E7AAAA00B4C800000000000000";
-    const std::wstring userData = std::wstring(kInstaller) + L"\\UserData\\S-1-5-18";
-    const std::wstring properties = userData + L"\\Products\\" + packed + L"\\InstallProperties";
-    SetText(properties, L"DisplayName", name);
-    SetText(properties, L"DisplayVersion", version);
-    SetText(properties, L"LocalPackage", L"C:\\windows\\Installer\\" + digit + L".msi");
-    SetText(userData + L"\\Components\\0000000000000000000000000000000" + digit, packed, L"C:\\own.txt");
-    SetText(userData + L"\\Components\\SHARED00000000000000000000000000", packed, L"C:\\shared.txt");
-    const std::wstring classes = L"Software\\Classes\\Installer\\";
-    SetText(classes + L"Products\\" + packed, L"ProductName", name);
-    SetText(classes + L"Products\\" + packed, L"ProductIcon",
-            L"C:\\windows\\Installer\\" + code + L"\\icon.exe");
-    SetText(classes + L"Features\\" + packed, L"Main", L"");
-    SetText(std::wstring(kInstaller) + L"\\Folders", L"C:\\windows\\Installer\\" + code + L"\\", L"");
-    SetText(L"Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\" + code, L"DisplayName", name);
-    SetText(L"Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\" + code, L"UninstallString",
-            L"MsiExec.exe /I" + code);
-    const std::wstring ofUser = std::wstring(kInstallerOfUser) + L"\\";
-    SetText(ofUser + L"Products\\" + packed, L"ProductName", name, REG_SZ, HKEY_USERS);
-    SetText(ofUser + L"Features\\" + packed, L"Main", L"", REG_SZ, HKEY_USERS);
-    if (name == kTuepName) {
-        SetText(ofUser + L"UpgradeCodes\\" + kPackedUpgradeCode, packed, L"", REG_SZ, HKEY_USERS);
-        SetText(classes + L"UpgradeCodes\\" + kPackedUpgradeCode, packed, L"");
-        SetText(std::wstring(kInstaller) + L"\\UpgradeCodes\\" + kPackedUpgradeCode, packed, L"");
+constexpr wchar_t kClassesInstaller[] = L"Software\\Classes\\Installer";
+constexpr wchar_t kUninstall[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\";
+constexpr wchar_t kSharedComponent[] = L"SHARED00000000000000000000000000";
+constexpr int kMostProducts = 3;
+
+/// An installed product as the installer's own registration has it. number: 1 to kMostProducts.
+class Product {
+public:
+    explicit Product(int number) : digit_(std::to_wstring(number)) {}
+
+    void Register(const std::wstring& name, const std::wstring& version) const {
+        SetText(Properties(), L"DisplayName", name);
+        SetText(Properties(), L"DisplayVersion", version);
+        SetText(Properties(), L"LocalPackage", L"C:\\windows\\Installer\\" + digit_ + L".msi");
+        SetText(Component(), packed_, L"C:\\own.txt");
+        SetText(kUserData + std::wstring(L"\\Components\\") + kSharedComponent, packed_, L"C:\\shared.txt");
+        SetText(Advertised(kClassesInstaller, L"Products"), L"ProductName", name);
+        SetText(Advertised(kClassesInstaller, L"Products"), L"ProductIcon", Folder() + L"icon.exe");
+        SetText(Advertised(kClassesInstaller, L"Features"), L"Main", L"");
+        SetText(kFolders, Folder(), L"");
+        SetText(kUninstall + code_, L"DisplayName", name);
+        SetText(kUninstall + code_, L"UninstallString", L"MsiExec.exe /I" + code_);
+        SetText(Advertised(kInstallerOfUser, L"Products"), L"ProductName", name, REG_SZ, HKEY_USERS);
+        SetText(Advertised(kInstallerOfUser, L"Features"), L"Main", L"", REG_SZ, HKEY_USERS);
+        if (name == kTuepName) {
+            SetText(UpgradeCode(kInstallerOfUser), packed_, L"", REG_SZ, HKEY_USERS);
+            SetText(UpgradeCode(kClassesInstaller), packed_, L"");
+            SetText(UpgradeCode(kInstaller), packed_, L"");
+        }
     }
+
+    void Forget() const {
+        DropKey(Key());
+        DropKey(Component());
+        DropValue(kFolders, Folder());
+        DropKey(kUninstall + code_);
+        for (const wchar_t* kind : {L"Products", L"Features"}) {
+            DropKey(Advertised(kClassesInstaller, kind));
+            DropKey(Advertised(kInstallerOfUser, kind), HKEY_USERS);
+        }
+    }
+
+    static std::wstring UpgradeCode(const std::wstring& place) {
+        return place + L"\\UpgradeCodes\\" + kPackedUpgradeCode;
+    }
+
+private:
+    std::wstring Key() const { return kUserData + std::wstring(L"\\Products\\") + packed_; }
+    std::wstring Properties() const { return Key() + L"\\InstallProperties"; }
+    std::wstring Component() const {
+        return kUserData + std::wstring(L"\\Components\\") + std::wstring(31, L'0') + digit_;
+    }
+    std::wstring Folder() const { return L"C:\\windows\\Installer\\" + code_ + L"\\"; }
+    std::wstring Advertised(const std::wstring& place, const wchar_t* kind) const {
+        return place + L"\\" + kind + L"\\" + packed_;
+    }
+
+    std::wstring digit_;
+    std::wstring code_ = L"{7E57000" + digit_ + L"-AAAA-4B00-8C00-000000000000}";
+    std::wstring packed_ = digit_ + L"00075E7AAAA00B4C800000000000000";
+};
+
+/// Takes the products away, those of no other package.
+void ForgetProducts() {
+    for (int number = 1; number <= kMostProducts; ++number) {
+        Product(number).Forget();
+    }
+    DropKey(kUserData + std::wstring(L"\\Components\\") + kSharedComponent);
+    DropKey(Product::UpgradeCode(kInstaller));
+    DropKey(Product::UpgradeCode(kClassesInstaller));
+    DropKey(Product::UpgradeCode(kInstallerOfUser), HKEY_USERS);
 }
 
 void RegisterClients(DWORD statusOfTheOther, const std::wstring& installedVersion) {
     DropKey(L"SOFTWARE\\TUEP");
-    DropKey(kInstaller);
-    DropKey(L"Software\\Classes\\Installer");
-    DropKey(kInstallerOfUser, HKEY_USERS);
+    ForgetProducts();
     DropKey(L"SOFTWARE\\TAVO\\TAVOAnalytics");
     SetNumber(L"SOFTWARE\\TUEP", L"LSX_TUEPStatus", 1);
     SetNumber(L"SOFTWARE\\TUEP", L"HX_TUEPStatus", statusOfTheOther);
     SetText(L"SOFTWARE\\TUEP\\Sub", L"x", L"x");
     SetText(L"SOFTWARE\\TAVO\\TAVOAnalytics", L"TUEPClient", L"HX");
     MakeKey(std::wstring(kServices) + L"tavofendr");
-    RegisterProduct(1, kTuepName, installedVersion);
-    RegisterProduct(2, L"Corvi Companion", L"3.0.0");
+    Product(1).Register(kTuepName, installedVersion);
+    Product(2).Register(L"Corvi Companion", L"3.0.0");
+}
+
+void ForgetClients() {
+    ForgetProducts();
+    DropKey(L"SOFTWARE\\TUEP");
+    DropKey(L"SOFTWARE\\TAVO\\TAVOAnalytics");
 }
 
 const std::vector<Scenario> kClients = {
@@ -265,22 +381,52 @@ const std::vector<Scenario> kClients = {
      .action = "CheckForClients",
      .result = 0,
      .actionData = L"ClientName=LSX;Action=;CurrentVersion=2.0.0",
-     .setUp = [] { RegisterClients(2, L"1.0.0"); }},
+     .setUp = [] { RegisterClients(2, L"1.0.0"); },
+     .leave = ForgetClients},
     {.name = "CheckForClients, an install beside a newer copy",
      .action = "CheckForClients",
      .result = 259,
      .actionData = L"ClientName=LSX;Action=;CurrentVersion=2.0.0",
-     .setUp = [] { RegisterClients(1, L"3.0.0"); }},
+     .setUp = [] { RegisterClients(1, L"3.0.0"); },
+     .leave = ForgetClients},
+    {.name = "CheckForClients, an install over copies of both ages",
+     .action = "CheckForClients",
+     .result = 259,
+     .actionData = L"ClientName=LSX;Action=;CurrentVersion=2.0.0",
+     .setUp =
+         [] {
+             RegisterClients(2, L"1.0.0");
+             Product(3).Register(kTuepName, L"2.0.0");
+         },
+     .leave = ForgetClients},
+    {.name = "CheckForClients, a client of which the driver has no copy, over an older copy",
+     .action = "CheckForClients",
+     .result = 0,
+     .actionData = L"ClientName=HX;Action=;CurrentVersion=2.0.0",
+     .setUp = [] { RegisterClients(1, L"1.0.0"); },
+     .leave = ForgetClients},
+    {.name = "CheckForClients, an empty register",
+     .action = "CheckForClients",
+     .result = 0,
+     .actionData = L"ClientName=LSX;Action=;CurrentVersion=2.0.0",
+     .setUp =
+         [] {
+             RegisterClients(1, L"1.0.0");
+             DropKey(L"SOFTWARE\\TUEP");
+         },
+     .leave = ForgetClients},
     {.name = "CheckForClients, an uninstall while another holds TUEP",
      .action = "CheckForClients",
      .result = 1602,
      .actionData = L"ClientName=LSX;Action=ALL;CurrentVersion=2.0.0",
-     .setUp = [] { RegisterClients(1, L"1.0.0"); }},
+     .setUp = [] { RegisterClients(1, L"1.0.0"); },
+     .leave = ForgetClients},
     {.name = "CheckForClients, the last client's uninstall",
      .action = "CheckForClients",
      .result = 0,
      .actionData = L"ClientName=LSX;Action=ALL;CurrentVersion=2.0.0",
-     .setUp = [] { RegisterClients(2, L"1.0.0"); }},
+     .setUp = [] { RegisterClients(2, L"1.0.0"); },
+     .leave = ForgetClients},
 };
 
 // ---- Path and camera chains
@@ -290,6 +436,23 @@ const std::vector<Scenario> kComponents = {
      .action = "SetEnvPath_IPU_WA",
      .result = 0,
      .setUp = [] { SetText(kEnvironment, L"Path", L"%SystemRoot%\\system32;C:\\tools", REG_EXPAND_SZ); }},
+    {.name = "SetEnvPath_IPU_WA, the entry is there",
+     .action = "SetEnvPath_IPU_WA",
+     .result = 0,
+     .setUp =
+         [] { SetText(kEnvironment, L"Path", L"C:\\Windows\\System32\\TAVO;C:\\tools", REG_EXPAND_SZ); }},
+    {.name = "DeleteOPTXCameraGUID, one interface is absent",
+     .action = "DeleteOPTXCameraGUID",
+     .result = 1603,
+     .setUp =
+         [] {
+             const std::wstring last =
+                 std::wstring(kDeviceClasses) + L"{6994ad05-93ef-11d0-a3cc-00a0c9223196}";
+             DropKey(last);
+             DropKey(std::wstring(kDeviceClasses) + L"{e5323777-f976-4f5b-9b55-b94699c46e44}");
+             SetTexts(last + L"\\A\\Device Parameters", L"CameraDeviceMftClsidChain",
+                      {kOtherIdentifier, kSuiteIdentifier, kThirdIdentifier});
+         }},
     {.name = "DeleteOPTXCameraGUID",
      .action = "DeleteOPTXCameraGUID",
      .result = 1603,
@@ -362,6 +525,11 @@ void InstallCamera() {
     SetNumber(kVersionKey, L"UBR", 900);
 }
 
+void InstallCameraOnWindows10() {
+    InstallCamera();
+    SetText(kVersionKey, L"CurrentBuild", L"19045");
+}
+
 const std::vector<Scenario> kCamera = {
     {.name = "SetPermissionsRegisterDLL",
      .action = "SetPermissionsRegisterDLL",
@@ -374,6 +542,17 @@ const std::vector<Scenario> kCamera = {
      .result = 0,
      .actionData = kCameraData,
      .prepare = InstallCamera},
+    {.name = "SetPermissionsRegisterDLL, before Windows 11",
+     .action = "SetPermissionsRegisterDLL",
+     .result = 0,
+     .actionData = kCameraData,
+     .setUp = [] { SetText(kEnvironment, L"Path", L"C:\\windows", REG_EXPAND_SZ); },
+     .prepare = InstallCameraOnWindows10},
+    {.name = "UnregisterDLL, before Windows 11",
+     .action = "UnregisterDLL",
+     .result = 0,
+     .actionData = kCameraData,
+     .prepare = InstallCameraOnWindows10},
     {.name = "InstallContextMenuMSIX", .action = "InstallContextMenuMSIX", .result = 0},
 };
 
@@ -437,6 +616,11 @@ const std::vector<Scenario> kOthers = {
              MakeFile(L"cli\\CLI.exe");
              SetText(L"SOFTWARE\\QEL\\ACE\\Packages\\Core-Static", L"Location", Below(L"cli"));
          }},
+    {.name = "LaunchInstallProxyHX, without the command-line client",
+     .action = "LaunchInstallProxyHX",
+     .result = 0,
+     .actionData = L"C:\\faults\\hx",
+     .setUp = [] { DropKey(L"SOFTWARE\\QEL\\ACE"); }},
     {.name = "UnRegisterWVR",
      .action = "UnRegisterWVR",
      .result = 0,
@@ -454,6 +638,22 @@ const std::vector<Scenario> kOthers = {
      .setUp =
          [] {
              SetNumber(L"SOFTWARE\\QEL Technologies\\Install", L"TAVODVR_Enabled", 1);
+             DropKey(L"SOFTWARE\\TAVODVR");
+         }},
+    {.name = "TrackDVRAnalytics, tracked already",
+     .action = "TrackDVRAnalytics",
+     .result = 0,
+     .setUp =
+         [] {
+             SetNumber(L"SOFTWARE\\QEL Technologies\\Install", L"TAVODVR_Enabled", 1);
+             SetNumber(L"SOFTWARE\\TAVODVR", L"TAVODVR_Tracked", 0);
+         }},
+    {.name = "TrackDVRAnalytics, switched off",
+     .action = "TrackDVRAnalytics",
+     .result = 0,
+     .setUp =
+         [] {
+             SetNumber(L"SOFTWARE\\QEL Technologies\\Install", L"TAVODVR_Enabled", 0);
              DropKey(L"SOFTWARE\\TAVODVR");
          }},
     {.name = "SetDCLogFileRegistry",
@@ -490,6 +690,17 @@ const std::vector<Scenario> kTuep = {
                      L"InstallDir", Below(L"manager"));
              SetText(L"SOFTWARE\\QEL Technologies\\Install\\PPC", L"InstallDir", Below(L"client"));
          }},
+    {.name = "PostInstallPPC, for a user and without the manager",
+     .action = "PostInstallPPC",
+     .result = 0,
+     .actionData = L"TaskName=StartTUEP;CommandToLaunch=C:\\faults\\TUEPDU.exe;Username=somebody",
+     .setUp =
+         [] {
+             DropKey(L"SOFTWARE\\TUEP");
+             SetText(L"SOFTWARE\\TAVO\\TAVOAnalytics", L"TUEPClient", L"HX");
+             DropKey(L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\TAVO Prism Install Manager");
+             SetText(L"SOFTWARE\\QEL Technologies\\Install\\PPC", L"InstallDir", Below(L"client"));
+         }},
     {.name = "AfterInstallPPC",
      .action = "AfterInstallPPC",
      .result = 0,
@@ -498,6 +709,15 @@ const std::vector<Scenario> kTuep = {
              AddService(L"TUEPLauncher", L"tuep.exe", false);
              SetTexts(L"SYSTEM\\CurrentControlSet\\Control\\Session Manager", L"PendingFileRenameOperations",
                       {L"\\??\\C:\\faults\\theirs.txt", L"\\??\\C:\\faults\\new.txt"});
+         }},
+    {.name = "AfterInstallPPC, nothing is pending",
+     .action = "AfterInstallPPC",
+     .result = 0,
+     .setUp =
+         [] {
+             AddService(L"TUEPLauncher", L"tuep.exe");
+             SetTexts(L"SYSTEM\\CurrentControlSet\\Control\\Session Manager", L"PendingFileRenameOperations",
+                      {});
          }},
     {.name = "EnableAnalyticsKey",
      .action = "EnableAnalyticsKey",
@@ -508,6 +728,20 @@ const std::vector<Scenario> kTuep = {
      .result = 0,
      .properties = {{L"DISABLEANALYTICS", L"YES"}},
      .setUp = [] { SetText(L"SOFTWARE\\TAVO\\TAVOAnalytics", L"AnalyticsAccepted", L"true"); }},
+    {.name = "EnableAnalyticsKey, the key is there",
+     .action = "EnableAnalyticsKey",
+     .result = 0,
+     .setUp = [] { SetText(L"SOFTWARE\\TAVO\\TAVOAnalytics", L"AnalyticsAccepted", L"false"); }},
+    {.name = "DisabelAnalyticsKey, not asked for",
+     .action = "DisabelAnalyticsKey",
+     .result = 0,
+     .properties = {{L"DISABLEANALYTICS", L"no"}},
+     .setUp = [] { SetText(L"SOFTWARE\\TAVO\\TAVOAnalytics", L"AnalyticsAccepted", L"true"); }},
+    {.name = "DeleteAnalyticsKey, something lies below it",
+     .action = "DeleteAnalyticsKey",
+     .result = 0,
+     .setUp = [] { SetText(L"SOFTWARE\\TAVO\\TAVOAnalytics\\Sub", L"x", L"x"); },
+     .leave = [] { DropKey(L"SOFTWARE\\TAVO\\TAVOAnalytics"); }},
     {.name = "DeleteAnalyticsKey",
      .action = "DeleteAnalyticsKey",
      .result = 0,
@@ -552,6 +786,14 @@ const std::vector<Scenario> kTasks = {
      .action = "CreateDVRLogonSchTask",
      .result = 0,
      .setUp = InstallTaskFiles},
+    {.name = "CreateLogonSchTask, the folder is gone",
+     .action = "CreateLogonSchTask",
+     .result = 1603,
+     .setUp =
+         [] {
+             InstallTaskFiles();
+             RegisterSettingsApplication(Below(L"gone"));
+         }},
     {.name = "RemoveHXSchedularTask", .action = "RemoveHXSchedularTask", .result = 1},
     {.name = "RemoveDVRSchedularTask", .action = "RemoveDVRSchedularTask", .result = 1},
     {.name = "LaunchHX", .action = "LaunchHX", .result = 1},
@@ -559,6 +801,14 @@ const std::vector<Scenario> kTasks = {
      .action = "DeleteSchedTaskonBranding",
      .result = 0,
      .setUp = InstallTaskFiles},
+    {.name = "DeleteSchedTaskonBranding, not started by the branding",
+     .action = "DeleteSchedTaskonBranding",
+     .result = 0,
+     .setUp =
+         [] {
+             InstallTaskFiles();
+             SetNumber(L"SOFTWARE\\TAVO\\HX", L"LazeStart", 2);
+         }},
     {.name = "CreateBenchMarkRunOnceSchTask",
      .action = "CreateBenchMarkRunOnceSchTask",
      .result = 0,
@@ -571,6 +821,10 @@ const std::vector<Scenario> kTasks = {
      .action = "CreateTriggerlessElevatedScheduleTask",
      .result = 0,
      .actionData = L"TaskName=FaultTask;CommandToLaunch=C:\\faults\\x.exe;Username="},
+    {.name = "CreateTriggerlessElevatedScheduleTask, for a user",
+     .action = "CreateTriggerlessElevatedScheduleTask",
+     .result = 0,
+     .actionData = L"TaskName=FaultTask;CommandToLaunch=C:\\faults\\x.exe;Username=somebody"},
 };
 
 }  // namespace

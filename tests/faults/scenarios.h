@@ -20,6 +20,9 @@ struct Scenario {
     std::function<void()> setUp = [] {};
     /// Makes once what no run changes.
     std::function<void()> prepare = [] {};
+    /// A folder that the action is to delete altogether, where a good run stops before the end:
+    /// L"C:\\FAULTS\\HX".
+    std::wstring wholeFolder = {};
     /// Takes away afterwards what other test programs would meet on a machine that they share.
     std::function<void()> leave = [] {};
 };

@@ -146,7 +146,11 @@ private:
 class Judgement {
 public:
     Judgement(const Scenario& scenario, const Fault& fault, const Run& good, const Run& run)
-        : action_(scenario.action), fault_(fault), good_(good), run_(run) {
+        : action_(scenario.action),
+          wholeFolder_(scenario.wholeFolder),
+          fault_(fault),
+          good_(good),
+          run_(run) {
         if (!run.recording.faultMet) {
             findings.emplace_back("the fault was not met: the run is not the same as the good one");
         }
@@ -185,7 +189,8 @@ private:
         std::set<std::wstring> told = touched;
         for (const std::wstring& change : run_.recording.changes) {
             if (told.insert(change).second) {
-                FindUnless(MayStandIn(action_, change, touched, fault_.function),
+                const std::string part = MayGoWithTheWhole(change, touched, wholeFolder_);
+                FindUnless(part.empty() ? MayStandIn(action_, change, touched, fault_.function) : part,
                            "touched without need: " + Narrow(change));
             }
         }
@@ -205,6 +210,7 @@ private:
     }
 
     const std::string action_;
+    const std::wstring wholeFolder_;
     const Fault& fault_;
     const Run& good_;
     const Run& run_;
