@@ -63,6 +63,7 @@ TEST_F(CameraPackage, ARepairDeletesNothingAndAddsNoSecondPathEntry) {
 
 TEST_F(CameraPackage, UninstallTakesTheSuitesTransformOutOfTheChainsAndGoesOnAfterItsInvertedResult) {
     RunInstaller(kInstall);
+    std::ofstream("C:\\Program Files\\TAVO\\Camera\\made-later.dat") << "x";
     const wchar_t chain[] =
         L"{55E09F33-D6B5-4A6D-99ED-87DC666C6710}\0{11111111-1111-1111-1111-111111111111}\0";
     RegSetKeyValueW(HKEY_LOCAL_MACHINE, kChain, L"CameraDeviceMftClsidChain", REG_MULTI_SZ, chain,
@@ -71,7 +72,7 @@ TEST_F(CameraPackage, UninstallTakesTheSuitesTransformOutOfTheChainsAndGoesOnAft
     EXPECT_EQ(run.exitCode, 0U);
     EXPECT_TRUE(run.Ran("DeleteOPTXCameraGUID"));
     EXPECT_TRUE(run.Ran("DeleteDMFTDirectory"));
-    EXPECT_FALSE(FileExists(kFolder));
+    EXPECT_TRUE(StartFolderIsGone(kFolder));
     wchar_t left[256] = {};
     DWORD size = sizeof(left);
     EXPECT_EQ(RegGetValueW(HKEY_LOCAL_MACHINE, kChain, L"CameraDeviceMftClsidChain", RRF_RT_REG_MULTI_SZ,
@@ -106,7 +107,7 @@ TEST_F(CameraPackage, AnInstallThatFailsLastRunsTheRollbackWithDataOfItsOwn) {
                 testing::IsSupersetOf({std::string("DLL Path C:\\Program Files\\TAVO\\Camera\\"),
                                        std::string("DLL Name CameraServer.dll"),
                                        std::string("VC DLL Name CameraSource.dll")}));
-    EXPECT_FALSE(FileExists(kFolder));
+    EXPECT_TRUE(StartFolderIsGone(kFolder));
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <system_error>
 
 #include "tests/support/installer_run.h"
+#include "tests/support/platform.h"
 
 namespace corvi::test {
 
@@ -54,6 +55,11 @@ void RemoveFolder(const std::filesystem::path& folder) {
 
 bool FileExists(const std::wstring& path) {
     return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+bool StartFolderIsGone(const std::wstring& folder) {
+    std::error_code ignored;
+    return !FileExists(folder) || (std::filesystem::is_empty(folder, ignored) && ConsoleHostHoldsFolder());
 }
 
 std::vector<std::wstring> InstalledProducts(const std::wstring& upgradeCode) {

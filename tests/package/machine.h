@@ -16,6 +16,9 @@ std::optional<std::wstring> MachineValue(const std::wstring& key, const std::wst
 void SetMachineText(const std::wstring& key, const std::wstring& name, const std::wstring& text);
 void SetMachineNumber(const std::wstring& key, const std::wstring& name, DWORD number);
 bool FileExists(const std::wstring& path);
+/// True when a folder in which a program was started is gone, or as good as that: it is empty, and the
+/// platform lets the program's console host hold it for a while.
+bool StartFolderIsGone(const std::wstring& folder);
 /// Removes a folder with all that is in it. Waits up to ten seconds for a program that is ending and still
 /// holds it.
 void RemoveFolder(const std::filesystem::path& folder);

@@ -199,7 +199,7 @@ TEST_F(SettingsPackage, AnInstallThatFailsLastLeavesNoTaskNoFileAndNoKey) {
     EXPECT_EQ(run.Count("CreateLogonSchTask.Rollback"), 2U) << "written to the script, and run";
     EXPECT_FALSE(TaskExists(L"StartHX"));
     EXPECT_FALSE(TaskExists(L"StartHXBM"));
-    EXPECT_FALSE(FileExists(kFolder));
+    EXPECT_TRUE(StartFolderIsGone(kFolder));
     EXPECT_FALSE(FileExists(kContextMenuFolder));
     EXPECT_FALSE(MachineKeyExists(L"SOFTWARE\\TAVO\\HX"));
     EXPECT_FALSE(MachineKeyExists(L"SOFTWARE\\QEL Technologies\\Install\\HXNext"));

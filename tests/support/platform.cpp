@@ -36,6 +36,20 @@ bool AskTaskKill() {
     return !first.Runs() && !second.Runs();
 }
 
+bool AskConsoleHost() {
+    constexpr wchar_t kFolder[] = L"C:\\corvi\\started here";
+    CreateDirectoryW(kFolder, nullptr);
+    bool holds = false;
+    {
+        const RunningProgram program(kProbeImage, kFolder);
+        holds = RemoveDirectoryW(kFolder) == FALSE;
+    }
+    for (int attempt = 0; holds && attempt < 100 && RemoveDirectoryW(kFolder) == FALSE; ++attempt) {
+        Sleep(50);
+    }
+    return holds;
+}
+
 }  // namespace
 
 std::wstring MultiStringHandedOver(const std::wstring& stored) {
@@ -54,6 +68,11 @@ std::wstring MultiStringHandedOver(const std::wstring& stored) {
 
 bool TaskKillEndsEveryProcess() {
     static const bool answer = AskTaskKill();
+    return answer;
+}
+
+bool ConsoleHostHoldsFolder() {
+    static const bool answer = AskConsoleHost();
     return answer;
 }
 

@@ -16,4 +16,9 @@ std::wstring MultiStringHandedOver(const std::wstring& stored);
 /// first that it finds. Asked once, with two processes of our own.
 bool TaskKillEndsEveryProcess();
 
+/// True when the host of a program's console keeps the folder in which the program was started for its own:
+/// the folder cannot be removed then until the host has ended too, a little after the program. Asked once,
+/// with a program of our own.
+bool ConsoleHostHoldsFolder();
+
 }  // namespace corvi::test

@@ -12,7 +12,7 @@ constexpr DWORD kLimitMilliseconds = 30000;
 
 }  // namespace
 
-RunningProgram::RunningProgram(const std::wstring& imageName) {
+RunningProgram::RunningProgram(const std::wstring& imageName, const wchar_t* folder) {
     std::filesystem::create_directories(kFolder);
     const std::wstring path = kFolder + imageName;
     CopyFileW(kSleeper, path.c_str(), TRUE);
@@ -20,7 +20,7 @@ RunningProgram::RunningProgram(const std::wstring& imageName) {
     startup.cb = sizeof(startup);
     std::wstring commandLine = L"\"" + path + L"\"";
     if (CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, FALSE, CREATE_NO_WINDOW, nullptr,
-                       nullptr, &startup, &process_) == FALSE) {
+                       folder, &startup, &process_) == FALSE) {
         throw std::runtime_error("cannot start the sleeping program: " + std::to_string(GetLastError()));
     }
     CloseHandle(process_.hThread);

@@ -10,8 +10,9 @@ namespace corvi::test {
 /// the constructor returns: the platform's process lists name it.
 class RunningProgram {
 public:
-    /// imageName: as the process lists shall show it ("TAVOLSServ.exe"). Throws when it is not up in time.
-    explicit RunningProgram(const std::wstring& imageName);
+    /// imageName: as the process lists shall show it ("TAVOLSServ.exe"). folder: where it is started, which
+    /// it leaves at once; null for this program's own. Throws when it is not up in time.
+    explicit RunningProgram(const std::wstring& imageName, const wchar_t* folder = nullptr);
     ~RunningProgram();
     RunningProgram(const RunningProgram&) = delete;
     RunningProgram& operator=(const RunningProgram&) = delete;
