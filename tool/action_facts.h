@@ -27,6 +27,9 @@ enum class Outcome {
     Failed,   ///< the work could not be done
 };
 
+// NOLINTBEGIN(readability-redundant-member-init): a table's row names the members that it sets, and leaving
+// out one that has no initializer is a warning
+
 /// One result that the action can return.
 struct Result {
     /// The number as the installer shows it; not set: any other number.
@@ -130,6 +133,8 @@ struct ActionFacts {
     std::vector<LogText> log = {};
     std::string onFailure = {};  ///< what to look at next when it failed
 };
+
+// NOLINTEND(readability-redundant-member-init)
 
 /// A heading of include and reference, and what the include says about the attributes below it.
 struct Room {

@@ -35,9 +35,11 @@ enum class Deed {
     EndInstaller,
 };
 
-/// One change, as it would be made. All texts are UTF-16 and shown as they are.
+/// One change, as it would be made. All texts are UTF-16 and shown as they are. Members that are not named
+/// where a change is made need an initializer: without one they are a warning.
 struct Change {
     Deed deed;
+    // NOLINTBEGIN(readability-redundant-member-init)
     /// The key ("HKLM\SOFTWARE\QEL"), the path, the command line, the service or the task.
     std::wstring subject = {};
     /// The value's name, where a path is moved to, the working directory, what a service is set to.
@@ -45,6 +47,7 @@ struct Change {
     /// The value's data or the task's definition in words, or what follows from the change ("ends 2
     /// processes").
     std::wstring note = {};
+    // NOLINTEND(readability-redundant-member-init)
     std::uint64_t files = 0;    ///< deleted with a folder; bytes of a written file
     std::uint64_t folders = 0;  ///< deleted with a folder or key: folders or keys below it
 };
