@@ -631,7 +631,8 @@ bool RestartTakesMissingPaths() {
 }
 
 BOOL ScheduleForRestart(LPCWSTR from, LPCWSTR to, const Seen& source) {
-    if (!source.IsThere() && !(RestartTakesMissingPaths() && *from != L'\0')) {
+    const bool taken = source.IsThere() || (RestartTakesMissingPaths() && *from != L'\0');
+    if (!taken) {
         return Refuse(*from == L'\0' ? ERROR_PATH_NOT_FOUND : source.error, FALSE);
     }
     const std::wstring path = ShownPath(Absolute(from));
