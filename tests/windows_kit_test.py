@@ -32,11 +32,12 @@ class Kit(unittest.TestCase):
     def program(self, source, name=None):
         shutil.copy(source, self.kit / "tests" / (name or source.name))
 
-    def run_kit(self, *arguments):
-        """(exit code, output); the results come back into the kit's folder."""
+    def run_kit(self, *arguments, prepare="true", before="", after="true"):
+        """(exit code, output); the results come back into the kit's folder. prepare and after: commands of the shell in
+        the prefix's kit; before: a command of the command interpreter, ended by "&& "."""
         script = (f'. "{ROOT}/tests/wine-prefix.sh"; trap corvi_drop_prefix EXIT; corvi_new_prefix "{TEMPLATE}" || exit 99; '
-                  f'cp -R "{self.kit}" "$WINEPREFIX/drive_c/kit" || exit 99; cd "$WINEPREFIX/drive_c/kit"; '
-                  f'timeout -k 5 250 wine cmd /c "C:\\kit\\run.cmd" {" ".join(arguments)} </dev/null; code=$?; '
+                  f'cp -R "{self.kit}" "$WINEPREFIX/drive_c/kit" || exit 99; cd "$WINEPREFIX/drive_c/kit"; {prepare}; '
+                  f'timeout -k 5 250 wine cmd /c "{before}C:\\kit\\run.cmd {" ".join(arguments)}" </dev/null; code=$?; {after}; '
                   f'cp -R "$WINEPREFIX/drive_c/kit/results" "{self.kit}/" 2>/dev/null; exit $code')
         done = subprocess.run(["sh", "-c", script], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False)
         return done.returncode, done.stdout.decode("utf-8", "replace").replace("\r", "")
@@ -51,15 +52,64 @@ class Kit(unittest.TestCase):
         self.assertIn("may be thrown away", output)
         self.assertFalse((self.kit / "results").exists())
 
+    def assert_refused(self, sentence, run):
+        code, output = run
+        self.assertEqual(2, code, output)
+        self.assertIn(sentence, output)
+        self.assertNotIn("programs passed", output)
+
+    # The template has the mark of a throwaway machine: it goes first, and is looked for afterwards.
+    UNMARK = "wine reg delete 'HKLM\\SOFTWARE\\CorviTests' /f >/dev/null 2>&1"
+    IS_MARKED = "wine reg query 'HKLM\\SOFTWARE\\CorviTests' >/dev/null 2>&1 && echo the machine is marked"
+
     def test_a_program_that_is_not_there_is_a_refusal(self):
-        self.assertEqual(2, self.run_kit(CONSENT, "no_such_test")[0])
+        self.program(BUILD / "tests" / "action_data_test.exe")
+        run = self.run_kit(CONSENT, "action_data_test", "no_such_test", prepare=self.UNMARK, after=self.IS_MARKED)
+        self.assert_refused("No such test program in the kit: no_such_test", run)
+        self.assertNotIn("the machine is marked", run[1])
+        self.assertFalse((self.kit / "results").exists())
+
+    def test_a_limit_that_is_no_number_of_seconds_is_a_refusal(self):
+        self.program(BUILD / "tests" / "action_data_test.exe")
+        for limit in (["abc"], ["0"], ["20s"], ["99999999999"], []):
+            self.assert_refused("--limit needs a number of seconds", self.run_kit(CONSENT, "--limit", *limit))
+
+    def test_results_that_have_no_place_are_a_refusal(self):
+        self.program(BUILD / "tests" / "action_data_test.exe")
+        (self.kit / "results").write_text("a file")
+        self.assert_refused("The folder for the results could not be made: C:\\kit\\results", self.run_kit(CONSENT))
+
+    def test_a_32_bit_windows_is_refused_before_the_runner_is_started(self):
+        self.program(BUILD / "tests" / "action_data_test.exe")
+        (self.kit / "kit_runner.exe").unlink()
+        bits = "set PROCESSOR_ARCHITECTURE=x86&& "
+        self.assert_refused("The tests need a 64-bit Windows", self.run_kit(CONSENT, before=bits))
+
+    def test_a_stage_that_cannot_be_renewed_is_a_failure_of_the_program(self):
+        self.program(BUILD / "tests" / "action_data_test.exe")
+        stage = "rmdir ../corvi && echo >../corvi"
+        code, output = self.run_kit(CONSENT, prepare=stage)
+        self.assertEqual(1, code, output)
+        self.assertIn("NOT RUN", output)
+        self.assertIn("the stage could not be renewed: C:\\corvi: ", output)
+        self.assertIn("0 of 1 programs passed", output)
+        self.assertIn("the stage", self.report("action_data_test").find(".//error").get("message"))
+
+    def test_what_a_program_leaves_running_ends_with_it(self):
+        for name in ("first_test", "second_test"):
+            self.program(BUILD / "stage" / "leaver.exe", f"{name}.exe")
+        code, output = self.run_kit(CONSENT)
+        self.assertEqual(1, code, output)
+        self.assertEqual("ended with 5", self.report("first_test").find(".//error").get("message"))
+        self.assertEqual("ended with 0", self.report("second_test").find(".//error").get("message"))
 
     def test_programs_that_pass_are_told_with_their_reports(self):
         for name in ("action_data_test", "dll_test", "launch_guard_test"):
             self.program(BUILD / "tests" / f"{name}.exe")
-        code, output = self.run_kit(CONSENT)
+        code, output = self.run_kit(CONSENT, prepare=self.UNMARK, after=self.IS_MARKED)
         self.assertEqual(0, code, output)
         self.assertIn("3 of 3 programs passed", output)
+        self.assertIn("the machine is marked", output)
         for name in ("action_data_test", "dll_test", "launch_guard_test"):
             self.assertGreater(int(self.report(name).get("tests")), 0)
             self.assertEqual("0", self.report(name).get("failures"))
@@ -78,7 +128,8 @@ class Kit(unittest.TestCase):
         self.assertIn("TIME OUT", rows["sleeper_test"])
         self.assertIn("0 of 3 programs passed", output)
         self.assertGreater(int(self.report("dll_test").get("failures")), 0)
-        self.assertIsNotNone(self.report("crash_test").find(".//error"))
+        access_violation = f"ended with {0xC0000005}"
+        self.assertEqual(access_violation, self.report("crash_test").find(".//error").get("message"))
         self.assertIn("out of time", self.report("sleeper_test").find(".//error").get("message"))
 
 

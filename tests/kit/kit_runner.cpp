@@ -12,7 +12,9 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <stdexcept>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "tests/support/throwaway_machine.h"
@@ -24,12 +26,14 @@ namespace fs = std::filesystem;
 constexpr wchar_t kConsent[] = L"--this-machine-may-be-thrown-away";
 constexpr wchar_t kStage[] = L"C:\\corvi";
 constexpr DWORD kDefaultLimitSeconds = 900;
+constexpr DWORD kLongestLimitSeconds = 1000000;
+constexpr DWORD kEndMilliseconds = 10000;  // what ended processes have for going
 constexpr int kRefused = 2;
 
 struct Options {
     bool consent = false;
-    DWORD limitSeconds = kDefaultLimitSeconds;
-    std::vector<std::wstring> programs;  // empty for all
+    DWORD limitSeconds = kDefaultLimitSeconds;  // 0: what was given is no number of seconds
+    std::vector<std::wstring> programs;         // empty for all
 };
 
 struct Outcome {
@@ -38,11 +42,23 @@ struct Outcome {
     int failures = 0;
     DWORD exitCode = 0;
     bool timedOut = false;
-    bool told = false;  // the program wrote its own JUnit file
+    bool told = false;    // the program wrote its own JUnit file
+    std::string trouble;  // why the kit could not run it; empty when it could
     double seconds = 0;
 
-    bool Passed() const { return exitCode == 0 && !timedOut && told && tests > 0 && failures == 0; }
+    bool Passed() const {
+        return trouble.empty() && exitCode == 0 && !timedOut && told && tests > 0 && failures == 0;
+    }
 };
+
+/// The seconds that a text gives; 0 for what is none, or too many.
+DWORD ReadLimit(const std::wstring& text) {
+    if (text.empty() || text.find_first_not_of(L"0123456789") != std::wstring::npos) {
+        return 0;
+    }
+    const unsigned long seconds = std::wcstoul(text.c_str(), nullptr, 10);
+    return seconds <= kLongestLimitSeconds ? seconds : 0;
+}
 
 Options ReadOptions(int count, wchar_t** arguments) {
     Options options;
@@ -50,8 +66,8 @@ Options ReadOptions(int count, wchar_t** arguments) {
         const std::wstring argument = arguments[index];
         if (argument == kConsent) {
             options.consent = true;
-        } else if (argument == L"--limit" && index + 1 < count) {
-            options.limitSeconds = std::max(1UL, std::wcstoul(arguments[++index], nullptr, 10));
+        } else if (argument == L"--limit") {
+            options.limitSeconds = ++index < count ? ReadLimit(arguments[index]) : 0;
         } else {
             options.programs.push_back(argument);
         }
@@ -80,8 +96,16 @@ bool Is64BitWindows() {
     return info.wProcessorArchitecture == PROCESSOR_ARCHITECTURE_AMD64;
 }
 
-/// Why the kit does not start on this machine; null when it does.
-const wchar_t* Refusal(const Options& options) {
+/// The first program that was asked for and that the kit does not have; empty when it has them all.
+std::wstring MissingProgram(const fs::path& kit, const std::vector<std::wstring>& wanted) {
+    const auto missing = std::find_if(wanted.begin(), wanted.end(), [&](const std::wstring& name) {
+        return !fs::exists(kit / L"tests" / (name + L".exe"));
+    });
+    return missing == wanted.end() ? L"" : *missing;
+}
+
+/// Why the kit does not start on this machine, or not as it was asked to; empty when it does.
+std::wstring Refusal(const Options& options, const fs::path& kit) {
     if (!options.consent) {
         return L"The tests delete folders, services, tasks and registry keys of this machine.\n"
                L"Run them on a machine that may be thrown away, and say so: run.cmd "
@@ -93,25 +117,58 @@ const wchar_t* Refusal(const Options& options) {
     if (!IsElevated()) {
         return L"The tests need an elevated command prompt (Run as administrator).";
     }
-    return nullptr;
+    if (options.limitSeconds == 0) {
+        return L"--limit needs a number of seconds, from 1 to " + std::to_wstring(kLongestLimitSeconds) +
+               L".";
+    }
+    if (const std::wstring missing = MissingProgram(kit, options.programs); !missing.empty()) {
+        return L"No such test program in the kit: " + missing;
+    }
+    return L"";
+}
+
+/// Makes the folder for the reports and marks the machine. Why that did not go; empty when it did.
+std::wstring Prepare(const fs::path& results) {
+    std::error_code refused;
+    fs::create_directories(results, refused);
+    if (!fs::is_directory(results, refused)) {
+        return L"The folder for the results could not be made: " + results.wstring();
+    }
+    if (!corvi::test::MarkAsThrowawayMachine()) {
+        return L"The machine could not be marked in the registry.";
+    }
+    return L"";
+}
+
+/// Ends a step of the stage's renewal that failed.
+void Check(const std::error_code& error, const fs::path& path) {
+    if (error) {
+        throw std::runtime_error("the stage could not be renewed: " + path.string() + ": " + error.message());
+    }
 }
 
 /// C:\corvi as each test program expects it: the kit's stage and nothing that an earlier program left. What
-/// is still in use stays, and is written over where that goes.
-void RenewStage(const fs::path& kit) {
-    std::error_code ignored;
-    if (fs::exists(kStage, ignored)) {
-        for (const auto& entry : fs::directory_iterator(kStage, ignored)) {
+/// is still in use stays, and is written over where that goes. Throws std::runtime_error when a file of the
+/// stage cannot be put there.
+void RenewStage(const fs::path& kit, const fs::path& program) {
+    std::error_code error;
+    if (fs::exists(kStage, error)) {
+        for (const auto& entry : fs::directory_iterator(kStage, error)) {
             std::error_code kept;
             fs::remove_all(entry.path(), kept);
         }
     }
-    fs::create_directories(kStage, ignored);
+    fs::create_directories(kStage, error);
+    Check(error, kStage);
     for (const auto& entry : fs::directory_iterator(kit / L"stage")) {
-        std::error_code kept;
-        fs::copy(entry.path(), fs::path(kStage) / entry.path().filename(),
-                 fs::copy_options::recursive | fs::copy_options::overwrite_existing, kept);
+        const fs::path target = fs::path(kStage) / entry.path().filename();
+        fs::copy(entry.path(), target, fs::copy_options::recursive | fs::copy_options::overwrite_existing,
+                 error);
+        Check(error, target);
     }
+    const fs::path staged = fs::path(kStage) / program.filename();
+    fs::copy_file(program, staged, fs::copy_options::overwrite_existing, error);
+    Check(error, staged);
 }
 
 HANDLE OpenOutput(const fs::path& file) {
@@ -120,8 +177,21 @@ HANDLE OpenOutput(const fs::path& file) {
                        FILE_ATTRIBUTE_NORMAL, nullptr);
 }
 
-/// Starts a command line in C:\corvi and waits for its end, at most for the limit; then it is ended with all
-/// that it started.
+/// Ends every process of a job and waits until they are gone, so that nothing of a program lives on beside
+/// the next one.
+void EndAll(HANDLE job) {
+    TerminateJobObject(job, 1);
+    JOBOBJECT_BASIC_ACCOUNTING_INFORMATION left = {};
+    const ULONGLONG end = GetTickCount64() + kEndMilliseconds;
+    while (
+        QueryInformationJobObject(job, JobObjectBasicAccountingInformation, &left, sizeof(left), nullptr) &&
+        left.ActiveProcesses > 0 && GetTickCount64() < end) {
+        Sleep(10);
+    }
+}
+
+/// Starts a command line in C:\corvi and waits for its end, at most for the limit. Whatever it has started
+/// is ended with it.
 void RunWithLimit(std::wstring commandLine, const fs::path& log, DWORD limitSeconds, Outcome& outcome) {
     const HANDLE output = OpenOutput(log);
     STARTUPINFOW start = {};
@@ -133,24 +203,21 @@ void RunWithLimit(std::wstring commandLine, const fs::path& log, DWORD limitSeco
     const HANDLE job = CreateJobObjectW(nullptr, nullptr);
     if (!CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, TRUE, CREATE_SUSPENDED, nullptr,
                         kStage, &start, &process)) {
-        outcome.exitCode = GetLastError();
-        CloseHandle(output);
-        CloseHandle(job);
-        return;
-    }
-    AssignProcessToJobObject(job, process.hProcess);
-    ResumeThread(process.hThread);
-    outcome.timedOut = WaitForSingleObject(process.hProcess, limitSeconds * 1000) == WAIT_TIMEOUT;
-    if (outcome.timedOut) {
-        TerminateJobObject(job, 1);
+        outcome.trouble = "could not be started: " + std::to_string(GetLastError());
+    } else if (!AssignProcessToJobObject(job, process.hProcess)) {
+        outcome.trouble = "could not be watched: " + std::to_string(GetLastError());
         TerminateProcess(process.hProcess, 1);
-        WaitForSingleObject(process.hProcess, 10000);
+    } else {
+        ResumeThread(process.hThread);
+        outcome.timedOut = WaitForSingleObject(process.hProcess, limitSeconds * 1000) == WAIT_TIMEOUT;
+        EndAll(job);
+        GetExitCodeProcess(process.hProcess, &outcome.exitCode);
     }
-    GetExitCodeProcess(process.hProcess, &outcome.exitCode);
-    CloseHandle(process.hThread);
-    CloseHandle(process.hProcess);
-    CloseHandle(job);
-    CloseHandle(output);
+    for (const HANDLE handle : {process.hThread, process.hProcess, job, output}) {
+        if (handle != nullptr && handle != INVALID_HANDLE_VALUE) {
+            CloseHandle(handle);
+        }
+    }
 }
 
 /// The number of an attribute of the report's root element; -1 when there is none.
@@ -173,16 +240,41 @@ void ReadReport(const fs::path& file, Outcome& outcome) {
     }
 }
 
-/// A program that crashed or ran out of time wrote no report: this one stands for it.
+std::string AsXml(const std::string& text) {
+    std::string escaped;
+    for (const char character : text) {
+        switch (character) {
+            case '&':
+                escaped += "&amp;";
+                break;
+            case '<':
+                escaped += "&lt;";
+                break;
+            case '"':
+                escaped += "&quot;";
+                break;
+            default:
+                // What is not ASCII would need the file's encoding.
+                escaped += character >= ' ' && character <= '~' ? character : '?';
+        }
+    }
+    return escaped;
+}
+
+/// A program that was not run, crashed or ran out of time wrote no report: this one stands for it.
 void WriteReportOfCrash(const fs::path& file, const Outcome& outcome) {
     const std::string name(outcome.program.begin(), outcome.program.end());
-    const std::string why =
-        outcome.timedOut ? "ran out of time" : "ended with " + std::to_string(outcome.exitCode);
+    std::string why = "ended with " + std::to_string(outcome.exitCode);
+    if (!outcome.trouble.empty()) {
+        why = outcome.trouble;
+    } else if (outcome.timedOut) {
+        why = "ran out of time";
+    }
     std::ofstream(file, std::ios::binary)
         << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<testsuites tests=\"1\" failures=\"0\" "
            "errors=\"1\">\n"
         << "  <testsuite name=\"" << name << "\" tests=\"1\" failures=\"0\" errors=\"1\">\n"
-        << "    <testcase name=\"program\" classname=\"" << name << "\"><error message=\"" << why
+        << "    <testcase name=\"program\" classname=\"" << name << "\"><error message=\"" << AsXml(why)
         << "\"/></testcase>\n  </testsuite>\n</testsuites>\n";
 }
 
@@ -191,14 +283,17 @@ Outcome RunProgram(const fs::path& kit, const fs::path& program, DWORD limitSeco
     outcome.program = program.stem().wstring();
     const fs::path results = kit / L"results";
     const fs::path report = results / (outcome.program + L".xml");
-    RenewStage(kit);
-    const fs::path staged = fs::path(kStage) / program.filename();
     std::error_code ignored;
-    fs::copy_file(program, staged, fs::copy_options::overwrite_existing, ignored);
     fs::remove(report, ignored);
     const ULONGLONG begin = GetTickCount64();
-    RunWithLimit(L"\"" + staged.wstring() + L"\" \"--gtest_output=xml:" + report.wstring() + L"\"",
-                 results / (outcome.program + L".txt"), limitSeconds, outcome);
+    try {
+        RenewStage(kit, program);
+        const fs::path staged = fs::path(kStage) / program.filename();
+        RunWithLimit(L"\"" + staged.wstring() + L"\" \"--gtest_output=xml:" + report.wstring() + L"\"",
+                     results / (outcome.program + L".txt"), limitSeconds, outcome);
+    } catch (const std::exception& failure) {
+        outcome.trouble = failure.what();
+    }
     outcome.seconds = static_cast<double>(GetTickCount64() - begin) / 1000;
     ReadReport(report, outcome);
     if (!outcome.told) {
@@ -224,39 +319,47 @@ const char* Verdict(const Outcome& outcome) {
     if (outcome.Passed()) {
         return "passed";
     }
+    if (!outcome.trouble.empty()) {
+        return "NOT RUN";
+    }
     if (outcome.timedOut) {
         return "TIME OUT";
     }
     return outcome.told ? "FAILED" : "CRASHED";
 }
 
+/// The folder that the kit was unpacked to.
+fs::path Folder() {
+    wchar_t self[MAX_PATH] = {};
+    GetModuleFileNameW(nullptr, self, MAX_PATH);
+    return fs::path(self).parent_path();
+}
+
 void PrintRow(const Outcome& outcome) {
     std::printf("%-36ls %5d tests %4d failed %8.1f s  %s\n", outcome.program.c_str(), outcome.tests,
                 outcome.failures, outcome.seconds, Verdict(outcome));
+    if (!outcome.trouble.empty()) {
+        std::printf("    %s\n", outcome.trouble.c_str());
+    }
     std::fflush(stdout);
 }
 
 }  // namespace
 
 int wmain(int count, wchar_t** arguments) {
+    // The test programs inherit it: nobody is there to answer a dialogue.
+    SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);
     const Options options = ReadOptions(count, arguments);
-    const wchar_t* refusal = Refusal(options);
-    if (refusal == nullptr && !corvi::test::MarkAsThrowawayMachine()) {
-        refusal = L"The machine could not be marked in the registry.";
+    const fs::path kit = Folder();
+    std::wstring refusal = Refusal(options, kit);
+    if (refusal.empty()) {
+        refusal = Prepare(kit / L"results");
     }
-    if (refusal != nullptr) {
-        std::fprintf(stderr, "%ls\n", refusal);
+    if (!refusal.empty()) {
+        std::fprintf(stderr, "%ls\n", refusal.c_str());
         return kRefused;
     }
-    wchar_t self[MAX_PATH] = {};
-    GetModuleFileNameW(nullptr, self, MAX_PATH);
-    const fs::path kit = fs::path(self).parent_path();
-    fs::create_directories(kit / L"results");
     const std::vector<fs::path> programs = Programs(kit, options.programs);
-    if (programs.empty()) {
-        std::fprintf(stderr, "No such test program in the kit.\n");
-        return kRefused;
-    }
     std::vector<Outcome> outcomes;
     for (const fs::path& program : programs) {
         outcomes.push_back(RunProgram(kit, program, options.limitSeconds));
