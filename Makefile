@@ -65,7 +65,9 @@ sign: setup-sign build ## sign the DLL and the tool: make sign CERT=chain.pem KE
 
 sweep: setup-build build/release/CMakeCache.txt ## every fault of the fault sweep, not only the sample of 'make test'
 	@cmake --build --preset release --target fault_sweep_test -j $(JOBS)
-	@CORVI_FAULTS_ONE_OF=1 ctest --preset release -R fault_sweep_test -V
+	@tests/wine-template.sh build/release/wine-template
+	@CORVI_FAULTS_ONE_OF=1 CORVI_TEST_TIMEOUT=1800 tests/run-wine.sh build/release/wine-template build/release/stage \
+	  build/release/tests/fault_sweep_test.exe
 
 soak: setup-test build/release/CMakeCache.txt ## the suite 20 times beside endless programs, in another order each time: [SOAK="RUNS BUSY"]
 	@cmake --build --preset release -j $(JOBS)

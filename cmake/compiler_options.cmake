@@ -12,8 +12,9 @@ if(MSVC)
   target_compile_definitions(corvi_product_options INTERFACE _CRT_SECURE_NO_WARNINGS)
   # Some exports let an error out on purpose: "extern C" functions that throw, which /EHsc takes for impossible.
   string(REPLACE "/EHsc" "/EHs" CMAKE_CXX_FLAGS "${CMAKE_CXX_FLAGS}")
-  target_compile_options(corvi_product_options INTERFACE $<$<COMPILE_LANGUAGE:CXX>:/guard:cf>)
-  target_link_options(corvi_product_options INTERFACE /guard:cf)
+  target_compile_options(corvi_product_options INTERFACE $<$<COMPILE_LANGUAGE:CXX>:/guard:cf;/Zi>)
+  # Symbols in a PDB, of a release too; /DEBUG alone would keep what nothing refers to.
+  target_link_options(corvi_product_options INTERFACE /guard:cf /DEBUG /OPT:REF /OPT:ICF)
   set(CMAKE_MSVC_RUNTIME_LIBRARY "MultiThreaded$<$<CONFIG:Debug>:Debug>")
 else()
   target_compile_options(corvi_warnings INTERFACE

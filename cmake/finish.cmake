@@ -7,7 +7,7 @@ endif()
 
 function(corvi_finish target file)
   if(MSVC)
-    # That compiler's linker leaves the symbols in a PDB beside the program by itself.
+    # That compiler's linker leaves the symbols in a PDB beside the program (/DEBUG).
     set_target_properties(${target} PROPERTIES
       RUNTIME_OUTPUT_DIRECTORY $<1:${CORVI_OUTPUT_DIRECTORY}> PDB_OUTPUT_DIRECTORY $<1:${CORVI_OUTPUT_DIRECTORY}>)
     return()

@@ -30,8 +30,8 @@ std::string MayStandIn(const std::string& action, const std::wstring& change,
 std::string MayGoWithTheWhole(const std::wstring& change, const std::set<std::wstring>& touched,
                               const std::wstring& wholeFolder);
 
-/// Something that is left open: "item list SHGetFolderLocation".
-std::string MayStayOpen(const std::string& resource, const std::string& faulty);
+/// Something that is left open ("item list SHGetFolderLocation") or closed twice.
+std::string MayStayOpen(const std::string& action, const std::string& resource, const std::string& faulty);
 
 /// Every row of the tables of exceptions.
 std::vector<std::string> AllExceptions();

@@ -76,6 +76,13 @@ TEST(FaultSweep, NoFaultLosesLeaksOrWidensAnything) {
     }
 }
 
+// The runtime can do no better: it has no record of the thread's errors yet, and no memory for one. What it
+// must not do is to run on, into a stack overflow for instance.
+TEST(FaultSweep, AThreadsFirstErrorWithoutMemoryEndsTheProcessAtOnce) {
+    constexpr unsigned long kAborted = 3;
+    EXPECT_EQ(EndOfAFirstErrorWithoutMemory(), kAborted);
+}
+
 // ---- The sweep finds what it is for
 
 struct Defect {

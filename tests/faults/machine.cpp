@@ -1,6 +1,7 @@
 #include "tests/faults/machine.h"
 
 #include <stdexcept>
+#include <utility>
 
 namespace corvi::test {
 namespace {
@@ -14,7 +15,48 @@ void SetValue(HKEY root, const std::wstring& key, const std::wstring& name, DWOR
     }
 }
 
+struct ValueName {
+    const wchar_t* key;
+    const wchar_t* name;
+};
+
+constexpr ValueName kKeptValues[] = {
+    {L"System\\CurrentControlSet\\Control\\Session Manager\\Environment", L"Path"},
+    {L"System\\CurrentControlSet\\Control\\Session Manager", L"PendingFileRenameOperations"},
+    {L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion", L"CurrentMajorVersionNumber"},
+    {L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion", L"CurrentBuild"},
+    {L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion", L"UBR"}};
+
 }  // namespace
+
+KeptValues::KeptValues() {
+    for (const ValueName& name : kKeptValues) {
+        Value value;
+        DWORD size = 0;
+        constexpr DWORD kAnyUnexpanded = RRF_RT_ANY | RRF_NOEXPAND;
+        if (RegGetValueW(HKEY_LOCAL_MACHINE, name.key, name.name, kAnyUnexpanded, nullptr, nullptr, &size) ==
+            ERROR_SUCCESS) {
+            value.data.resize(size);
+            value.isThere = RegGetValueW(HKEY_LOCAL_MACHINE, name.key, name.name, kAnyUnexpanded, &value.type,
+                                         value.data.data(), &size) == ERROR_SUCCESS;
+            value.data.resize(size);
+        }
+        values_.push_back(std::move(value));
+    }
+}
+
+KeptValues::~KeptValues() {
+    for (size_t index = 0; index < values_.size(); ++index) {
+        const ValueName& name = kKeptValues[index];
+        const Value& value = values_[index];
+        if (value.isThere) {
+            RegSetKeyValueW(HKEY_LOCAL_MACHINE, name.key, name.name, value.type, value.data.data(),
+                            static_cast<DWORD>(value.data.size()));
+        } else {
+            RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, name.key, name.name);
+        }
+    }
+}
 
 void DropKey(const std::wstring& key, HKEY root) {
     RegDeleteTreeW(root, key.c_str());

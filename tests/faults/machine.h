@@ -11,6 +11,23 @@ namespace corvi::test {
 // below C:\faults unless the path is absolute. Everything is made by plain platform calls: it is done anew
 // for every fault.
 
+/// Values of the machine that scenarios change and every program reads: put back at the end of this object.
+class KeptValues {
+public:
+    KeptValues();
+    ~KeptValues();
+    KeptValues(const KeptValues&) = delete;
+    KeptValues& operator=(const KeptValues&) = delete;
+
+private:
+    struct Value {
+        DWORD type = REG_NONE;
+        std::vector<BYTE> data;
+        bool isThere = false;
+    };
+    std::vector<Value> values_;
+};
+
 /// The folder of the scenarios' files, without trailing backslash.
 inline constexpr wchar_t kFolder[] = L"C:\\faults";
 

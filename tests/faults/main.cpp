@@ -6,10 +6,16 @@
 // The sweep starts this program again for its children, which run no tests.
 int main(int argc, char** argv) {
     using namespace corvi::test;
-    const bool isChild = argc == 2 && std::strcmp(argv[1], kChildSwitch) == 0;
+    const auto isStartedBy = [&](const char* option) {
+        return argc == 2 && std::strcmp(argv[1], option) == 0;
+    };
     return RunOnThrowawayMachine([&] {
-        if (isChild) {
+        if (isStartedBy(kChildSwitch)) {
             WorkAsChild();
+            return 0;
+        }
+        if (isStartedBy(kFirstErrorSwitch)) {
+            ThrowFirstErrorWithoutMemory();
             return 0;
         }
         return RunTests(argc, argv);

@@ -112,10 +112,10 @@ using GetFolder = Gate<"ITaskService::GetFolder", &ITaskService::GetFolder>;
 using WriteText = Gate<"IXmlWriter::WriteString", &IXmlWriter::WriteString>;
 
 void WatchFolder(ITaskFolder& folder) {
-    RegisterTask::change = [](BSTR path, BSTR xml, LONG, VARIANT user, VARIANT, TASK_LOGON_TYPE, VARIANT,
-                              IRegisteredTask**) {
+    RegisterTask::change = [](BSTR path, BSTR xml, LONG flags, VARIANT user, VARIANT, TASK_LOGON_TYPE logon,
+                              VARIANT, IRegisteredTask**) {
         return L"register task " + Text(path) + L" for " + (user.vt == VT_BSTR ? Text(user.bstrVal) : L"") +
-               L": " + Text(xml);
+               L" flags " + std::to_wstring(flags) + L" logon " + std::to_wstring(logon) + L": " + Text(xml);
     };
     RegisterTask::made = [](BSTR, BSTR, LONG, VARIANT, VARIANT, TASK_LOGON_TYPE, VARIANT,
                             IRegisteredTask** task) {

@@ -5,6 +5,7 @@
 #include <msiquery.h>
 #include <objbase.h>
 #include <oleauto.h>
+#include <sddl.h>
 #include <setupapi.h>
 #include <shlobj.h>
 #include <shlwapi.h>
@@ -224,6 +225,7 @@ std::string Narrow(const std::wstring& text) {
 // ---- The tables
 
 constexpr DWORD kDenied = ERROR_ACCESS_DENIED;
+constexpr char kNotOpen[] = " that is closed without being open";
 
 void KeyOpened(LSTATUS status, HKEY key, const std::wstring& path) {
     if (status == ERROR_SUCCESS) {
@@ -261,7 +263,8 @@ void RegisterRegistry() {
     WATCH(RegSetValueExW);
     FAILS(RegSetValueExW, kDenied, 0);
     CHANGES(RegSetValueExW, [](HKEY key, LPCWSTR name, DWORD, DWORD type, CONST BYTE* data, DWORD size) {
-        return L"set " + Key(key, nullptr) + L'|' + Upper(Text(name)) + L'=' + Data(type, data, size);
+        return L"set " + Key(key, nullptr) + L'|' + Upper(Text(name)) + L'=' + Data(type, data, size) +
+               L" of type " + std::to_wstring(type);
     });
     WATCH(RegDeleteValueW);
     FAILS(RegDeleteValueW, kDenied, 0);
@@ -326,7 +329,10 @@ void RegisterFiles() {
     FAILS(GetFileAttributesW, INVALID_FILE_ATTRIBUTES, kDenied);
     WATCH(SetFileAttributesW);
     FAILS(SetFileAttributesW, FALSE, kDenied);
-    CHANGES(SetFileAttributesW, [](LPCWSTR path, DWORD) { return L"attributes " + File(path); });
+    CHANGES(SetFileAttributesW, [](LPCWSTR path, DWORD attributes) {
+        return ((attributes & FILE_ATTRIBUTE_READONLY) != 0 ? L"make read-only " : L"attributes ") +
+               File(path);
+    });
     WATCH(GetFileInformationByHandle);
     FAILS(GetFileInformationByHandle, FALSE, kDenied);
     WATCH(GetFileInformationByHandleEx);
@@ -379,6 +385,26 @@ void LocalMemoryOpened(const void* block, const char* function) {
     }
 }
 
+/// Each entry of an access list: type, flags, access mask and whose it is.
+std::wstring Entries(PACL list) {
+    std::wstring text;
+    for (WORD index = 0; list != nullptr && index < list->AceCount; ++index) {
+        void* found = nullptr;
+        if (GetAce(list, index, &found) == FALSE) {
+            return text + L" (unreadable)";
+        }
+        // Allowing and denying entries are laid out alike, and there are no others here.
+        auto* const entry = static_cast<ACCESS_ALLOWED_ACE*>(found);
+        LPWSTR owner = nullptr;
+        ConvertSidToStringSidW(&entry->SidStart, &owner);
+        text += L" (" + std::to_wstring(entry->Header.AceType) + L' ' +
+                std::to_wstring(entry->Header.AceFlags) + L' ' + std::to_wstring(entry->Mask) + L' ' +
+                Text(owner) + L')';
+        LocalFree(owner);
+    }
+    return text;
+}
+
 void RegisterSecurity() {
     WATCH(GetSecurityInfo);
     FAILS(GetSecurityInfo, ERROR_ACCESS_DENIED, kDenied);
@@ -390,8 +416,7 @@ void RegisterSecurity() {
     FAILS(SetSecurityInfo, ERROR_ACCESS_DENIED, kDenied);
     CHANGES(SetSecurityInfo,
             [](HANDLE handle, SE_OBJECT_TYPE, SECURITY_INFORMATION, PSID, PSID, PACL list, PACL) {
-                return L"security of " + Now().NameOf(handle) + L": " +
-                       std::to_wstring(list != nullptr ? list->AceCount : 0) + L" entries";
+                return L"security of " + Now().NameOf(handle) + L":" + Entries(list);
             });
     WATCH(SetEntriesInAclW);
     FAILS(SetEntriesInAclW, ERROR_NOT_ENOUGH_MEMORY, ERROR_NOT_ENOUGH_MEMORY);
@@ -402,6 +427,14 @@ void RegisterSecurity() {
     FAILS(CreateWellKnownSid, FALSE, ERROR_NOT_ENOUGH_MEMORY);
     WATCH(LocalFree);
     ACCOUNT(LocalFree, [](HLOCAL, HLOCAL block) { Now().Closed("local memory", block); });
+    WATCH(FormatMessageA);
+    FAILS(FormatMessageA, 0, ERROR_MR_MID_NOT_FOUND);
+    ACCOUNT(FormatMessageA,
+            [](DWORD length, DWORD flags, LPCVOID, DWORD, DWORD, LPSTR text, DWORD, va_list*) {
+                if (length != 0 && (flags & FORMAT_MESSAGE_ALLOCATE_BUFFER) != 0) {
+                    LocalMemoryOpened(*reinterpret_cast<void**>(text), "FormatMessageA");
+                }
+            });
     WATCH(FormatMessageW);
     FAILS(FormatMessageW, 0, ERROR_MR_MID_NOT_FOUND);
     ACCOUNT(FormatMessageW,
@@ -427,7 +460,8 @@ void RegisterPrograms() {
     WATCH_AS(ShellExecuteExW, StartThroughShell);
     FAILS(ShellExecuteExW, FALSE, ERROR_FILE_NOT_FOUND);
     CHANGES(ShellExecuteExW, [](SHELLEXECUTEINFOW* information) {
-        return L"start " + Text(information->lpFile) + L" " + Text(information->lpParameters);
+        return L"start " + Text(information->lpFile) + L" " + Text(information->lpParameters) + L" in " +
+               File(information->lpDirectory) + L' ' + Text(information->lpVerb);
     });
     ACCOUNT(ShellExecuteExW, [](BOOL, SHELLEXECUTEINFOW* information) {
         HandleOpened(information->hProcess, "ShellExecuteExW");
@@ -491,9 +525,11 @@ void RegisterServices() {
             [](SC_HANDLE service, SC_HANDLE, LPCWSTR name, DWORD) { ServiceOpened(service, name); });
     WATCH_AS(CreateServiceW, CreateOneService);
     FAILS(CreateServiceW, nullptr, kDenied);
-    CHANGES(CreateServiceW,
-            [](SC_HANDLE, LPCWSTR name, LPCWSTR, DWORD, DWORD, DWORD, DWORD, LPCWSTR binary, LPCWSTR, LPDWORD,
-               LPCWSTR, LPCWSTR, LPCWSTR) { return L"create service " + Text(name) + L": " + Text(binary); });
+    CHANGES(CreateServiceW, [](SC_HANDLE, LPCWSTR name, LPCWSTR, DWORD, DWORD type, DWORD start, DWORD,
+                               LPCWSTR binary, LPCWSTR, LPDWORD, LPCWSTR, LPCWSTR account, LPCWSTR) {
+        return L"create service " + Text(name) + L": " + Text(binary) + L" type " + std::to_wstring(type) +
+               L" start " + std::to_wstring(start) + L" account " + Text(account);
+    });
     ACCOUNT(CreateServiceW,
             [](SC_HANDLE service, SC_HANDLE, LPCWSTR name, LPCWSTR, DWORD, DWORD, DWORD, DWORD, LPCWSTR,
                LPCWSTR, LPDWORD, LPCWSTR, LPCWSTR, LPCWSTR) { ServiceOpened(service, name); });
@@ -777,6 +813,7 @@ void PlatformWatch::Begin(const std::optional<Fault>& fault, AtFault atFault) {
     open_.clear();
     names_.clear();
     objects_.clear();
+    strayCloses_.clear();
     running_ = true;
 }
 
@@ -795,6 +832,7 @@ std::vector<std::string> PlatformWatch::Open() const {
             open.push_back(resource.first + " " + maker);
         }
     }
+    open.insert(open.end(), strayCloses_.begin(), strayCloses_.end());
     return open;
 }
 
@@ -836,6 +874,8 @@ void PlatformWatch::Closed(const char* kind, const void* handle) {
         if (found->second.empty()) {
             open_.erase(found);
         }
+    } else if (handle != nullptr && handle != INVALID_HANDLE_VALUE) {
+        strayCloses_.push_back(std::string(kind) + kNotOpen);
     }
 }
 
@@ -952,7 +992,6 @@ const std::vector<std::pair<const char*, std::vector<std::string>>> kLeftAlone =
       "getenv",
       "InitializeCriticalSection",
       "LeaveCriticalSection",
-      "FormatMessageA",
       "RaiseException",
       "RtlCaptureContext",
       "RtlLookupFunctionEntry",

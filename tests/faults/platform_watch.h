@@ -56,7 +56,8 @@ public:
     /// Ends the run. Gives what was recorded; what is open then is in Open().
     Recording End();
 
-    /// What the last run left open: "key HKLM\SOFTWARE\X", "handle CreateFileW".
+    /// What the last run left open: "key HKLM\SOFTWARE\X", "handle CreateFileW". What it closed without
+    /// having it open, twice for instance, is told too: "key that is closed without being open".
     std::vector<std::string> Open() const;
 
     /// A run that makes more calls than this ends the process: it would never end by itself.
@@ -90,6 +91,7 @@ private:
     std::map<std::pair<std::string, const void*>, std::vector<std::string>> open_;
     std::map<const void*, std::wstring> names_;
     std::vector<std::pair<IUnknown*, std::string>> objects_;
+    std::vector<std::string> strayCloses_;
 };
 
 /// Every import that goes through a gate, whether it can fail or not.

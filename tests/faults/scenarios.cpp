@@ -4,8 +4,11 @@
 
 #include <setupapi.h>
 
+#include <memory>
+
 #include "tests/faults/machine.h"
 #include "tests/faults/stand_ins.h"
+#include "tests/support/running_program.h"
 
 namespace corvi::test {
 namespace {
@@ -62,6 +65,27 @@ void InstallSettingsApplicationInUse() {
                                OPEN_EXISTING, 0, nullptr);
 }
 
+HMODULE& LoadedModule() {
+    static HMODULE module = nullptr;
+    return module;
+}
+
+void UnloadModule() {
+    if (LoadedModule() != nullptr) {
+        FreeLibrary(LoadedModule());
+        LoadedModule() = nullptr;
+    }
+}
+
+/// With a DLL that a program has loaded: what the platform deletes only at the restart.
+void InstallSettingsApplicationLoaded() {
+    UnloadModule();
+    InstallSettingsApplication();
+    const std::wstring module = Below(L"hx\\sub\\loaded.dll");
+    CopyFileW(L"C:\\corvi\\com_server.dll", module.c_str(), FALSE);
+    LoadedModule() = LoadLibraryW(module.c_str());
+}
+
 // ---- The settings application
 
 const std::vector<Scenario> kSettings = {
@@ -89,6 +113,11 @@ const std::vector<Scenario> kSettings = {
      .setUp = InstallSettingsApplicationInUse,
      .wholeFolder = L"C:\\FAULTS\\HX",
      .leave = CloseFile},
+    {.name = "DeleteHXFolder, a DLL is loaded",
+     .action = "DeleteHXFolder",
+     .result = 0,
+     .setUp = InstallSettingsApplicationLoaded,
+     .leave = UnloadModule},
     {.name = "DeleteHXFolder, nothing is registered",
      .action = "DeleteHXFolder",
      .result = 1,
@@ -260,6 +289,15 @@ const std::vector<Scenario> kProfileClient = {
              MakeFile(L"sdk\\tuning.exe");
              AddService(L"TAVOTuningService", L"\"" + Below(L"sdk\\tuning.exe") + L"\" -service", false);
              AddService(L"Other", L"other.exe");
+         }},
+    {.name = "DeleteServiceIfBinaryIsInDirectory, stopping already",
+     .action = "DeleteServiceIfBinaryIsInDirectory",
+     .result = 0,
+     .actionData = L"ServiceName=TAVOTuningService;DirectoryOfBinary=C:\\faults\\sdk",
+     .setUp =
+         [] {
+             MakeFile(L"sdk\\tuning.exe");
+             AddStoppingService(L"TAVOTuningService", Below(L"sdk\\tuning.exe"));
          }},
     {.name = "DeleteServiceIfBinaryIsInDirectory, elsewhere",
      .action = "DeleteServiceIfBinaryIsInDirectory",
@@ -475,6 +513,11 @@ const std::vector<Scenario> kComponents = {
 
 // ---- Launch guard
 
+std::unique_ptr<RunningProgram>& RunningManager() {
+    static std::unique_ptr<RunningProgram> program;
+    return program;
+}
+
 const std::vector<Scenario> kLaunch = {
     {.name = "LaunchedFromPIM, launched so",
      .action = "LaunchedFromPIM",
@@ -487,6 +530,11 @@ const std::vector<Scenario> kLaunch = {
      .properties = {{L"LAUNCHED_FROM_PIM", L"1"}}},
     {.name = "BlockLaunch, by hand", .action = "BlockLaunch", .result = 1603},
     {.name = "BlockKITELaunch", .action = "BlockKITELaunch", .result = 0},
+    {.name = "BlockKITELaunch, the manager runs",
+     .action = "BlockKITELaunch",
+     .result = 1603,
+     .prepare = [] { RunningManager() = std::make_unique<RunningProgram>(L"TAVOInstallManager.exe"); },
+     .leave = [] { RunningManager().reset(); }},
     {.name = "DeleteQELKey",
      .action = "DeleteQELKey",
      .result = 0,
@@ -565,11 +613,10 @@ constexpr wchar_t kDriverKey[] = L"{4D36E968-E325-11CE-BFC1-08002BE10318}\\0901"
 constexpr wchar_t kAdapter[] = L"ROOT\\CORVI\\0901";
 
 /// A display adapter of the suite's maker, until it is removed.
-void AddAdapter() {
+void AddAdapterOf(const std::wstring& maker) {
     const HDEVINFO devices = SetupDiCreateDeviceInfoList(&kDisplayClass, nullptr);
     SP_DEVINFO_DATA device = {};
     device.cbSize = sizeof(device);
-    const std::wstring maker = L"Tavo Corporation";
     const std::wstring driver = kDriverKey;
     const auto set = [&](DWORD property, const std::wstring& text) {
         return SetupDiSetDeviceRegistryPropertyW(devices, &device, property,
@@ -583,6 +630,11 @@ void AddAdapter() {
     SetupDiDestroyDeviceInfoList(devices);
     MakeKey(kClassKey + std::wstring(kDriverKey));
 }
+
+void AddAdapter() { AddAdapterOf(L"Tavo Corporation"); }
+
+// Longer than the first room that is offered for it.
+void AddAdapterOfALongMaker() { AddAdapterOf(std::wstring(1000, L'x') + L" Tavo Corporation"); }
 
 void RemoveAdapter() {
     const HDEVINFO devices = SetupDiCreateDeviceInfoList(&kDisplayClass, nullptr);
@@ -661,6 +713,11 @@ const std::vector<Scenario> kOthers = {
      .result = 0,
      .prepare = AddAdapter,
      .leave = RemoveAdapter},
+    {.name = "SetDCLogFileRegistry, a long maker's name",
+     .action = "SetDCLogFileRegistry",
+     .result = 0,
+     .prepare = AddAdapterOfALongMaker,
+     .leave = RemoveAdapter},
     {.name = "PreInstallKMSDK, a driver that runs",
      .action = "PreInstallKMSDK",
      .result = 0,
@@ -700,6 +757,26 @@ const std::vector<Scenario> kTuep = {
              SetText(L"SOFTWARE\\TAVO\\TAVOAnalytics", L"TUEPClient", L"HX");
              DropKey(L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\TAVO Prism Install Manager");
              SetText(L"SOFTWARE\\QEL Technologies\\Install\\PPC", L"InstallDir", Below(L"client"));
+         }},
+    {.name = "PostInstallPPC, the machine has its GUID",
+     .action = "PostInstallPPC",
+     .result = 0,
+     .actionData = L"TaskName=StartTUEP;CommandToLaunch=C:\\faults\\TUEPDU.exe;Username=",
+     .setUp =
+         [] {
+             SetText(L"SOFTWARE\\TUEP", L"GUID", L"11111111-2222-3333-4444-555555555555");
+             SetText(L"SOFTWARE\\TAVO\\TAVOAnalytics", L"TUEPClient", L"HX");
+             AddStoppingService(L"TUEPLauncher", L"tuep.exe");
+             SetText(L"SOFTWARE\\QEL Technologies\\Install\\PPC", L"InstallDir", Below(L"client"));
+         }},
+    {.name = "AfterInstallPPC, a service that stops just now",
+     .action = "AfterInstallPPC",
+     .result = 0,
+     .setUp =
+         [] {
+             AddStoppingService(L"TUEPLauncher", L"tuep.exe");
+             SetTexts(L"SYSTEM\\CurrentControlSet\\Control\\Session Manager", L"PendingFileRenameOperations",
+                      {L"\\??\\C:\\faults\\theirs.txt", L"\\??\\C:\\faults\\new.txt"});
          }},
     {.name = "AfterInstallPPC",
      .action = "AfterInstallPPC",

@@ -96,6 +96,10 @@ void AddService(const std::wstring& name, const std::wstring& binaryPath, bool r
     Machine().services[name] = {binaryPath, state, 0};
 }
 
+void AddStoppingService(const std::wstring& name, const std::wstring& binaryPath) {
+    Machine().services[name] = {binaryPath, SERVICE_STOP_PENDING, kQueriesOfAChange + 1};
+}
+
 BOOL WINAPI StartProgram(LPCWSTR, LPWSTR, LPSECURITY_ATTRIBUTES, LPSECURITY_ATTRIBUTES, BOOL, DWORD, LPVOID,
                          LPCWSTR, LPSTARTUPINFOW startup, LPPROCESS_INFORMATION process) {
     if ((startup->dwFlags & STARTF_USESTDHANDLES) != 0 && startup->hStdOutput != nullptr) {

@@ -16,6 +16,8 @@ void ResetStandIns();
 
 /// Makes a service that runs. Stopping takes it two queries.
 void AddService(const std::wstring& name, const std::wstring& binaryPath, bool running = true);
+/// Makes a service that somebody has told to stop: two queries later it has.
+void AddStoppingService(const std::wstring& name, const std::wstring& binaryPath);
 
 BOOL WINAPI StartProgram(LPCWSTR application, LPWSTR commandLine, LPSECURITY_ATTRIBUTES,
                          LPSECURITY_ATTRIBUTES, BOOL inherit, DWORD flags, LPVOID environment,

@@ -156,7 +156,7 @@ public:
         }
         LookAtEnd();
         for (const std::string& resource : run.open) {
-            FindUnless(MayStayOpen(resource, fault.function), "left open: " + resource);
+            FindUnless(MayStayOpen(action_, resource, fault.function), "left open: " + resource);
         }
         LookAtChanges();
         LookAtLines();
@@ -302,7 +302,9 @@ void WorkOn(Stage& stage, Record& record, const Scenario& scenario, size_t first
         record.Write("finding the good run gives " + std::to_string(good.result) + " " + good.error);
     }
     for (const std::string& resource : good.open) {
-        record.Write("finding the good run leaves open: " + resource);
+        const std::string exception = MayStayOpen(scenario.action, resource, "");
+        record.Write(exception.empty() ? "finding the good run leaves open: " + resource
+                                       : "exception " + exception);
     }
     if (good.recording.calls != again.recording.calls || good.recording.changes != again.recording.changes ||
         good.recording.allocations != again.recording.allocations) {
@@ -338,10 +340,9 @@ bool IsOrdered(const SweepOrder& order, size_t index) {
 // ---- The parent
 
 /// Runs one child until it ends or is silent for too long. Gives its exit code.
-DWORD RunChild(const ChildOrder& order) {
+DWORD RunChild(const ChildOrder& order, const std::string& childSwitch = kChildSwitch) {
     wchar_t self[MAX_PATH] = {};
     GetModuleFileNameW(nullptr, self, MAX_PATH);
-    const std::string childSwitch = kChildSwitch;
     std::wstring commandLine =
         L"\"" + std::wstring(self) + L"\" " + std::wstring(childSwitch.begin(), childSwitch.end());
     SetEnvironmentVariableA(kVariable, Encode(order).c_str());
@@ -459,6 +460,24 @@ private:
 
 }  // namespace
 
+unsigned long EndOfAFirstErrorWithoutMemory() {
+    DeleteFileA(kRecord);
+    return RunChild(ChildOrder(), kFirstErrorSwitch);
+}
+
+void ThrowFirstErrorWithoutMemory() {
+    DropKey(L"SOFTWARE\\TAVO");
+    const Library library;
+    const InstallerSession session;
+    PlatformWatch watch(library.Module());
+    watch.Begin(Fault{kAllocator, 0, true}, [] {});
+    try {
+        library.Call("DeleteHXNoUpgrade", session.Handle());
+    } catch (...) {
+        std::_Exit(0);
+    }
+}
+
 void WorkAsChild() {
     const char* const text = std::getenv(kVariable);
     if (text == nullptr) {
@@ -483,6 +502,7 @@ void WorkAsChild() {
 SweepOutcome RunSweep(const SweepOrder& order) {
     constexpr size_t kMostChildren = 200;
     SweepOutcome outcome;
+    const KeptValues kept;
     ChildOrder child{order, 0, 0};
     Reading reading(outcome);
     for (size_t count = 0; count < kMostChildren && child.scenario < AllScenarios().size(); ++count) {

@@ -11,6 +11,9 @@ namespace corvi::test {
 /// The command line that starts this program as a child of the sweep.
 inline constexpr char kChildSwitch[] = "--sweep-child";
 
+/// That of a child in whose thread nothing was thrown before.
+inline constexpr char kFirstErrorSwitch[] = "--sweep-first-error";
+
 /// What a fault is made to do beside failing one call: a defect as the product might have it. Each must be
 /// found.
 enum class Planted {
@@ -45,6 +48,13 @@ struct SweepOutcome {
 /// Runs the scenarios in child processes of this program; one that ends or hangs is a finding, and the next
 /// child goes on behind the fault.
 SweepOutcome RunSweep(const SweepOrder& order);
+
+/// Lets an action throw while there is no memory, in a process in which nothing was thrown before. Gives the
+/// code with which the process ends: the C++ runtime needs memory for a thread's first error.
+unsigned long EndOfAFirstErrorWithoutMemory();
+
+/// The child's part of that.
+void ThrowFirstErrorWithoutMemory();
 
 /// The child's part: works off what the environment says, and writes down each step.
 void WorkAsChild();
