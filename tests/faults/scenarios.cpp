@@ -252,6 +252,15 @@ void RemoveProfileClient() {
 
 const std::vector<Scenario> kProfileClient = {
     {.name = "PreInstallPPC", .action = "PreInstallPPC", .result = 0, .setUp = InstallProfileClient},
+    {.name = "PreInstallPPC, its services are stopping",
+     .action = "PreInstallPPC",
+     .result = 0,
+     .setUp =
+         [] {
+             RemoveProfileClient();
+             AddStoppingService(L"PPCL", L"ppcl.exe");
+             AddStoppingService(L"TUEPLauncher", L"tuep.exe");
+         }},
     {.name = "UnInstallPPC", .action = "UnInstallPPC", .result = 0, .setUp = InstallProfileClient},
     {.name = "PreInstallPPC, on a machine without the client",
      .action = "PreInstallPPC",
@@ -289,15 +298,6 @@ const std::vector<Scenario> kProfileClient = {
              MakeFile(L"sdk\\tuning.exe");
              AddService(L"TAVOTuningService", L"\"" + Below(L"sdk\\tuning.exe") + L"\" -service", false);
              AddService(L"Other", L"other.exe");
-         }},
-    {.name = "DeleteServiceIfBinaryIsInDirectory, stopping already",
-     .action = "DeleteServiceIfBinaryIsInDirectory",
-     .result = 0,
-     .actionData = L"ServiceName=TAVOTuningService;DirectoryOfBinary=C:\\faults\\sdk",
-     .setUp =
-         [] {
-             MakeFile(L"sdk\\tuning.exe");
-             AddStoppingService(L"TAVOTuningService", Below(L"sdk\\tuning.exe"));
          }},
     {.name = "DeleteServiceIfBinaryIsInDirectory, elsewhere",
      .action = "DeleteServiceIfBinaryIsInDirectory",
