@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "tests/support/folders.h"
 #include "tests/support/handle_count.h"
 #include "tests/support/import_hooks.h"
 #include "tests/support/installer_session.h"
@@ -92,11 +93,11 @@ protected:
     SetDCLogFileRegistryTest() {
         GetEnvironmentVariableW(L"TMP", temporaryBefore_, MAX_PATH);
         SetEnvironmentVariableW(L"TMP", L"C:\\corvi\\no such\\temp");
-        std::filesystem::remove_all(L"C:\\corvi\\no such");
+        RemoveFolder(L"C:\\corvi\\no such");
     }
     ~SetDCLogFileRegistryTest() override {
         SetEnvironmentVariableW(L"TMP", temporaryBefore_);
-        std::filesystem::remove_all(L"C:\\corvi\\no such");
+        RemoveFolderAtEnd(L"C:\\corvi\\no such");
     }
 
     void ExpectBothValues(const ScratchKey& driverKey, const std::wstring& logFile = kLogFile) {
@@ -497,7 +498,7 @@ protected:
         std::filesystem::create_directories(std::wstring(kManagerFolder) + L"\\bin");
         std::ofstream(std::filesystem::path(std::wstring(kManagerFolder) + L"\\bin\\a.dll")) << "x";
     }
-    ~PostUnInstallKITETest() override { std::filesystem::remove_all(kManagerFolder); }
+    ~PostUnInstallKITETest() override { RemoveFolderAtEnd(kManagerFolder); }
 
     static std::vector<std::wstring> TaskLines(int exitCode) {
         std::vector<std::wstring> lines;

@@ -16,6 +16,7 @@
 #include <system_error>
 
 #include "tests/actions/suite_journal.h"
+#include "tests/support/folders.h"
 #include "tests/support/handle_count.h"
 #include "tests/support/import_hooks.h"
 #include "tests/support/installer_session.h"
@@ -93,9 +94,10 @@ private:
 class ProfileClient : public testing::Test {
 public:
     ~ProfileClient() override {
-        fs::remove_all(L"C:\\Program Files\\TAVO");
-        fs::remove_all(L"C:\\Program Files (x86)\\TAVO");
-        fs::remove_all(L"C:\\ProgramData\\TAVO");
+        // A program that ran there may still be ending.
+        RemoveFolderAtEnd(L"C:\\Program Files\\TAVO");
+        RemoveFolderAtEnd(L"C:\\Program Files (x86)\\TAVO");
+        RemoveFolderAtEnd(L"C:\\ProgramData\\TAVO");
     }
 
 protected:
@@ -285,7 +287,7 @@ public:
         WriteFile(L"C:\\TAVO\\Performance Profile Client\\TAVOPPCUF.exe");
         WriteFile(L"C:\\TAVO\\Performance Profile Client\\PPCSL.dll");
     }
-    ~OnTheDrivesRoot() { fs::remove_all(L"C:\\TAVO"); }
+    ~OnTheDrivesRoot() { RemoveFolderAtEnd(L"C:\\TAVO"); }
     OnTheDrivesRoot(const OnTheDrivesRoot&) = delete;
     OnTheDrivesRoot& operator=(const OnTheDrivesRoot&) = delete;
 
@@ -706,7 +708,7 @@ TEST_F(PostInstallPpcAccess, CommonApplicationDataMayBeADrivesRoot) {
     fs::create_directories(L"C:\\TAVO\\PPC");
     NameFolders([](int) { return L"C:\\"; });
     EXPECT_EQ(PostInstall(), 0U);
-    fs::remove_all(L"C:\\TAVO");
+    RemoveFolder(L"C:\\TAVO");
     EXPECT_EQ(written.size(), 1U);
 }
 
@@ -929,8 +931,8 @@ protected:
 
 public:
     ~UnInstallPpc() override {
-        fs::remove_all(temporary + L"PPCtemp");
-        fs::remove_all(temporary + L"PPCx86");
+        RemoveFolderAtEnd(temporary + L"PPCtemp");
+        RemoveFolderAtEnd(temporary + L"PPCx86");
     }
 
 protected:

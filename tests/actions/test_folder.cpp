@@ -5,38 +5,12 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "tests/support/folders.h"
+
 namespace corvi::test {
 namespace {
 
 namespace fs = std::filesystem;
-
-/// Runs a tool of the system that Wine runs on, in the root of drive C:. Such a process cannot be waited
-/// for: done is asked until it holds, for at most 10 s.
-template <typename Done>
-void RunHostTool(const std::wstring& tool, const std::wstring& arguments, Done done) {
-    const std::wstring program = L"\\\\?\\unix\\bin\\" + tool;
-    std::wstring commandLine = L"\"" + program + L"\" " + arguments;
-    STARTUPINFOW startup = {};
-    startup.cb = sizeof(startup);
-    PROCESS_INFORMATION process = {};
-    if (CreateProcessW(program.c_str(), commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, L"C:\\",
-                       &startup, &process) == FALSE) {
-        throw std::runtime_error("cannot run a tool of the host: " + std::to_string(GetLastError()));
-    }
-    // Nothing is closed: for a program of the host Wine makes neither process nor thread, and what it leaves
-    // in the structure is whatever its stack held. Closed, it may be somebody else's handle: the registry's.
-    for (int attempt = 0; !done(); ++attempt) {
-        if (attempt == 2000) {
-            throw std::runtime_error("a tool of the host did not do its work");
-        }
-        Sleep(5);
-    }
-}
-
-std::wstring ForwardSlashes(std::wstring path) {
-    std::replace(path.begin(), path.end(), L'\\', L'/');
-    return path;
-}
 
 bool IsThere(const std::wstring& path) {
     WIN32_FIND_DATAW data = {};
@@ -50,7 +24,7 @@ bool IsThere(const std::wstring& path) {
 
 }  // namespace
 
-TestFolder::TestFolder(const std::wstring& name) : name_(name), path_(L"C:\\" + name) {
+TestFolder::TestFolder(const std::wstring& name) : path_(L"C:\\" + name) {
     Remove();
     fs::create_directory(path_);
 }
@@ -64,11 +38,7 @@ TestFolder::~TestFolder() {
 }
 
 // Not through the standard library: it would go through links.
-void TestFolder::Remove() const {
-    if (IsThere(path_)) {
-        RunHostTool(L"rm", L"-rf \"" + name_ + L"\"", [this] { return !IsThere(path_); });
-    }
-}
+void TestFolder::Remove() const { RemoveFolder(path_); }
 
 void TestFolder::MakeFolder(const std::wstring& relative) const { fs::create_directories(Path(relative)); }
 
@@ -82,11 +52,9 @@ void TestFolder::MakeFile(const std::wstring& relative, DWORD attributes) const 
 void TestFolder::MakeLink(const std::wstring& link, const std::wstring& target) const {
     std::wstring upwards;
     for (auto separators = std::count(link.begin(), link.end(), L'\\'); separators > 0; --separators) {
-        upwards += L"../";
+        upwards += L"..\\";
     }
-    const std::wstring linkPath = ForwardSlashes(name_ + L'\\' + link);
-    RunHostTool(L"ln", L"-s \"" + upwards + ForwardSlashes(target) + L"\" \"" + linkPath + L"\"",
-                [this, &link] { return Has(link); });
+    corvi::test::MakeLink(Path(link), upwards + target);
 }
 
 void TestFolder::MakeRecorder(const std::wstring& relative, unsigned exitCode) const {

@@ -40,7 +40,6 @@ public:
 private:
     void Remove() const;
 
-    std::wstring name_;
     std::wstring path_;
 };
 

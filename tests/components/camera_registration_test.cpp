@@ -11,6 +11,7 @@
 #include "runtime/registry.h"
 #include "tests/components/registry_values.h"
 #include "tests/components/started_commands.h"
+#include "tests/support/folders.h"
 #include "tests/support/import_hooks.h"
 #include "tests/support/installer_session.h"
 #include "tests/support/library.h"
@@ -80,11 +81,7 @@ public:
 private:
     static void Remove() {
         // The console of a command that has ended may hold the directory for a moment.
-        std::error_code error;
-        for (int attempt = 0; fs::exists(kDirectory) && attempt < 500; ++attempt) {
-            fs::remove_all(kDirectory, error);
-            Sleep(error ? 10 : 0);
-        }
+        RemoveFolderAtEnd(kDirectory);
         fs::remove(kJournal);
         for (const wchar_t* dll : {kServer, kMedia}) {
             RegDeleteTreeW(HKEY_LOCAL_MACHINE, (std::wstring(L"SOFTWARE\\Classes\\CLSID\\") + dll).c_str());

@@ -10,6 +10,7 @@
 
 #include "tests/components/registry_values.h"
 #include "tests/components/started_commands.h"
+#include "tests/support/folders.h"
 #include "tests/support/import_hooks.h"
 #include "tests/support/installer_session.h"
 #include "tests/support/library.h"
@@ -181,7 +182,7 @@ protected:
         tools_.StandInFor(kPowerShell);
         tools_.StandInFor(kPipedTool);
     }
-    void TearDown() override { fs::remove_all(kFolders); }
+    void TearDown() override { RemoveFolder(kFolders); }
 
     static std::wstring MakeFolder(const wchar_t* name) {
         const fs::path folder = kFolders / name;

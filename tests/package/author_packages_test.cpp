@@ -6,6 +6,7 @@
 #include <filesystem>
 
 #include "tests/package/machine.h"
+#include "tests/support/folders.h"
 #include "tests/support/installer_run.h"
 
 namespace corvi::test {

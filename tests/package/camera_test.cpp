@@ -7,6 +7,7 @@
 
 #include "tests/package/machine.h"
 #include "tests/package/package_copy.h"
+#include "tests/support/folders.h"
 #include "tests/support/installer_run.h"
 
 namespace corvi::test {

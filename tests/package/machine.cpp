@@ -2,6 +2,7 @@
 
 #include <msi.h>
 
+#include <filesystem>
 #include <system_error>
 
 #include "tests/support/installer_run.h"
@@ -39,18 +40,6 @@ void SetMachineText(const std::wstring& key, const std::wstring& name, const std
 
 void SetMachineNumber(const std::wstring& key, const std::wstring& name, DWORD number) {
     RegSetKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), name.c_str(), REG_DWORD, &number, sizeof(number));
-}
-
-void RemoveFolder(const std::filesystem::path& folder) {
-    std::error_code refused;
-    for (int attempt = 0; attempt < 100; ++attempt) {
-        std::filesystem::remove_all(folder, refused);
-        if (!refused) {
-            return;
-        }
-        Sleep(100);
-    }
-    throw std::filesystem::filesystem_error("the folder stays", folder, refused);
 }
 
 bool FileExists(const std::wstring& path) {

@@ -2,7 +2,6 @@
 
 #include <windows.h>
 
-#include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
@@ -19,9 +18,6 @@ bool FileExists(const std::wstring& path);
 /// True when a folder in which a program was started is gone, or as good as that: it is empty, and the
 /// platform lets the program's console host hold it for a while.
 bool StartFolderIsGone(const std::wstring& folder);
-/// Removes a folder with all that is in it. Waits up to ten seconds for a program that is ending and still
-/// holds it.
-void RemoveFolder(const std::filesystem::path& folder);
 /// The product codes that are installed under an upgrade code.
 std::vector<std::wstring> InstalledProducts(const std::wstring& upgradeCode);
 /// Uninstalls every product that is installed under an upgrade code, each with the given properties.

@@ -10,6 +10,7 @@
 
 #include "runtime/filesystem.h"
 #include "tests/runtime/file_tree.h"
+#include "tests/support/folders.h"
 #include "tests/support/handle_count.h"
 #include "tests/support/import_hooks.h"
 
@@ -458,7 +459,7 @@ protected:
     DeleteFolderWithLinks() {
         CORVI_HOOK(hooks_, RemoveDirectoryW, [this](LPCWSTR path) -> BOOL {
             if ((GetFileAttributesW(path) & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
-                FileTree::RemoveLink(path);
+                RemoveLink(path);
                 removedLinks_.push_back(path);
                 return TRUE;
             }

@@ -1,9 +1,11 @@
 #include "tests/runtime/file_tree.h"
 
+#include <algorithm>
 #include <stdexcept>
 #include <utility>
 
 #include "runtime/registry.h"
+#include "tests/support/folders.h"
 
 namespace corvi::test {
 namespace {
@@ -17,38 +19,7 @@ std::wstring Verbatim(const std::wstring& name) {
     return name.empty() ? kVerbatimRoot : kVerbatimRoot + (L"\\" + name);
 }
 
-// Wine runs a program of the system below it by a path of this form, and tells where a path lies there.
-// Links that its own calls cannot make are made and removed by such programs. There is no handle to wait
-// on: what the program does is looked for until it is there.
-template <typename IsDone>
-void RunBelow(const wchar_t* program, std::wstring commandLine, IsDone&& isDone) {
-    STARTUPINFOW startup = {};
-    startup.cb = sizeof(startup);
-    PROCESS_INFORMATION child = {};
-    if (CreateProcessW(program, commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
-                       &child) == FALSE) {
-        throw std::runtime_error("cannot run a program of the system below");
-    }
-    const ULONGLONG end = GetTickCount64() + 30000;
-    while (!isDone()) {
-        if (GetTickCount64() > end) {
-            throw std::runtime_error("a program of the system below failed");
-        }
-        Sleep(1);
-    }
-}
-
 bool IsThere(const std::wstring& path) { return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
-
-std::wstring PathBelow(const std::wstring& path) {
-    using UnixName = char*(CDECL*)(const wchar_t*);
-    const auto unixName = reinterpret_cast<UnixName>(
-        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32"), "wine_get_unix_file_name")));
-    char* const name = unixName(path.c_str());
-    const std::string narrow = name;
-    HeapFree(GetProcessHeap(), 0, name);
-    return std::wstring(narrow.begin(), narrow.end());
-}
 
 void List(const std::wstring& folder, std::vector<std::wstring>& paths) {
     WIN32_FIND_DATAW found = {};
@@ -102,8 +73,7 @@ FileTree::FileTree() {
 
 FileTree::~FileTree() {
     try {
-        RunBelow(L"\\\\?\\unix\\bin\\rm", L"rm -rf \"" + PathBelow(kRoot) + L"\"",
-                 [] { return !IsThere(kRoot); });
+        RemoveFolder(kRoot);
     } catch (const std::exception&) {
         // The next test does not start then.
     }
@@ -139,14 +109,10 @@ std::wstring FileTree::File(const std::wstring& name) const {
 
 std::wstring FileTree::Link(const std::wstring& name, const std::string& target) const {
     const std::wstring link = Path(name);
-    RunBelow(L"\\\\?\\unix\\bin\\ln",
-             L"ln -s \"" + std::wstring(target.begin(), target.end()) + L"\" \"" + PathBelow(link) + L"\"",
-             [&] { return IsThere(link); });
+    std::wstring path(target.begin(), target.end());
+    std::replace(path.begin(), path.end(), L'/', L'\\');
+    MakeLink(link, path);
     return link;
-}
-
-void FileTree::RemoveLink(const std::wstring& path) {
-    RunBelow(L"\\\\?\\unix\\bin\\rm", L"rm \"" + PathBelow(path) + L"\"", [&] { return !IsThere(path); });
 }
 
 bool FileTree::Exists(const std::wstring& name) const { return IsThere(Verbatim(name)); }

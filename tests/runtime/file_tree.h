@@ -28,9 +28,6 @@ public:
     /// Makes a link to an existing folder. target: as the link holds it, with "/" ("../target").
     std::wstring Link(const std::wstring& name, const std::string& target) const;
 
-    /// Removes a link, never its target.
-    static void RemoveLink(const std::wstring& path);
-
     bool Exists(const std::wstring& name) const;
 
     /// Every path below the folder, not looking through links, in the platform's order, each folder

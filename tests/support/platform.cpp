@@ -3,6 +3,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "tests/support/folders.h"
 #include "tests/support/running_program.h"
 #include "tests/support/scratch_key.h"
 
@@ -50,6 +51,16 @@ bool AskConsoleHost() {
     return holds;
 }
 
+bool AskLinks() {
+    constexpr wchar_t kLink[] = L"C:\\corvi\\link of our own";
+    if (CreateSymbolicLinkW(kLink, L"C:\\corvi", SYMBOLIC_LINK_FLAG_DIRECTORY) == 0) {
+        return false;
+    }
+    const DWORD attributes = GetFileAttributesW(kLink);
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 &&
+           DeleteOnClose(kLink) && GetFileAttributesW(kLink) == INVALID_FILE_ATTRIBUTES;
+}
+
 }  // namespace
 
 std::wstring MultiStringHandedOver(const std::wstring& stored) {
@@ -68,6 +79,11 @@ std::wstring MultiStringHandedOver(const std::wstring& stored) {
 
 bool TaskKillEndsEveryProcess() {
     static const bool answer = AskTaskKill();
+    return answer;
+}
+
+bool MakesLinks() {
+    static const bool answer = AskLinks();
     return answer;
 }
 

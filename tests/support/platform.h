@@ -21,4 +21,7 @@ bool TaskKillEndsEveryProcess();
 /// with a program of our own.
 bool ConsoleHostHoldsFolder();
 
+/// True when the platform makes and removes links by its own calls. Asked once, with a link of our own.
+bool MakesLinks();
+
 }  // namespace corvi::test
