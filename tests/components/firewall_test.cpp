@@ -17,25 +17,30 @@
 namespace corvi::test {
 namespace {
 
-constexpr wchar_t kNetsh[] = L"C:\\windows\\system32\\netsh.exe";
+/// As the platform writes it, capitals and all.
+std::wstring SystemDirectory() {
+    wchar_t directory[MAX_PATH] = {};
+    GetSystemDirectoryW(directory, ARRAYSIZE(directory));
+    return directory;
+}
+std::wstring Netsh() { return SystemDirectory() + L"\\netsh.exe"; }
 
 HMODULE ThisProgram() { return GetModuleHandleW(nullptr); }
 
 TEST(DeleteFirewallRule, RunsTheSystemsNetshInTheSystemDirectoryWithTheNameInQuotationMarks) {
     ToolRecorder tools;
-    tools.StandInFor(kNetsh);
+    tools.StandInFor(Netsh());
     EXPECT_EQ(DeleteFirewallRule(L"TAVO HX Rule"), 0);
     const auto runs = tools.Runs();
     ASSERT_EQ(runs.size(), 1U);
-    EXPECT_EQ(runs[0].commandLine,
-              L"C:\\windows\\system32\\netsh.exe advfirewall firewall delete rule name=\"TAVO HX Rule\"");
-    EXPECT_STRCASEEQ(std::string(runs[0].currentDirectory.begin(), runs[0].currentDirectory.end()).c_str(),
-                     "C:\\windows\\system32");
+    EXPECT_EQ(runs[0].commandLine, Netsh() + L" advfirewall firewall delete rule name=\"TAVO HX Rule\"");
+    EXPECT_EQ(_wcsicmp(runs[0].currentDirectory.c_str(), SystemDirectory().c_str()), 0)
+        << runs[0].currentDirectory;
 }
 
 TEST(DeleteFirewallRule, RuleThatDoesNotExistGivesNetshsExitCode) {
     ToolRecorder tools;
-    tools.StandInFor(kNetsh, 1);
+    tools.StandInFor(Netsh(), 1);
     EXPECT_EQ(DeleteFirewallRule(L"No such rule"), 1);
 }
 
@@ -49,16 +54,16 @@ TEST(DeleteFirewallRule, NamePassesAsItIs) {
     StartedCommands started(ThisProgram());
     started.RefuseWith(ERROR_FILE_NOT_FOUND);
     DeleteFirewallRule(L"100 %s %d rule");
-    EXPECT_EQ(started.All(),
-              (std::vector<StartedCommand>{{L"C:\\windows\\system32\\netsh.exe advfirewall firewall delete "
-                                            L"rule name=\"100 %s %d rule\"",
-                                            L"C:\\windows\\system32"}}));
+    EXPECT_EQ(
+        started.All(),
+        (std::vector<StartedCommand>{
+            {Netsh() + L" advfirewall firewall delete rule name=\"100 %s %d rule\"", SystemDirectory()}}));
 }
 
 TEST(DeleteFirewallRule, CommandIsCutAfter259Characters) {
     StartedCommands started(ThisProgram());
     started.RefuseWith(ERROR_FILE_NOT_FOUND);
-    const std::wstring start = L"C:\\windows\\system32\\netsh.exe advfirewall firewall delete rule name=\"";
+    const std::wstring start = Netsh() + L" advfirewall firewall delete rule name=\"";
     for (const size_t total : {258U, 259U, 260U, 1000U}) {
         // Both quotation marks are part of the length.
         const std::wstring name(total - start.size() - 1, L'n');
@@ -69,7 +74,7 @@ TEST(DeleteFirewallRule, CommandIsCutAfter259Characters) {
 
 TEST(DeleteFirewallRule, LogsTheCommandOnTheHandleThatNobodySetsAndNothingElse) {
     ToolRecorder tools;
-    tools.StandInFor(kNetsh);
+    tools.StandInFor(Netsh());
     InstallerSession session;
     currentSession = session.Handle();
     std::vector<std::pair<MSIHANDLE, std::wstring>> lines;
@@ -84,9 +89,8 @@ TEST(DeleteFirewallRule, LogsTheCommandOnTheHandleThatNobodySetsAndNothingElse) 
     DeleteFirewallRule(L"TAVO HX Rule");
     currentSession = 0;
     ASSERT_FALSE(lines.empty());
-    EXPECT_EQ(lines.front().second,
-              L"DeleteFirewallRule - C:\\windows\\system32\\netsh.exe advfirewall firewall delete rule "
-              L"name=\"TAVO HX Rule\"");
+    EXPECT_EQ(lines.front().second, L"DeleteFirewallRule - " + Netsh() +
+                                        L" advfirewall firewall delete rule name=\"TAVO HX Rule\"");
     for (const auto& [handle, text] : lines) {
         EXPECT_EQ(handle, 0U) << std::string(text.begin(), text.end());
     }

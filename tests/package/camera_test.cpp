@@ -21,6 +21,17 @@ constexpr wchar_t kChain[] =
     L"SYSTEM\\CurrentControlSet\\Control\\DeviceClasses\\{65e8773d-8f56-11d0-a3b9-00a0c9223196}\\Camera\\#"
     L"\\Device Parameters";
 
+/// What the action logs of this machine's Windows.
+std::string WindowsVersionLine() {
+    static constexpr wchar_t kVersion[] = L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion";
+    const auto text = [](const wchar_t* name) {
+        const std::wstring value = MachineValue(kVersion, name).value();
+        return std::string(value.begin(), value.end());
+    };
+    return "OS Version: " + text(L"CurrentMajorVersionNumber") + "-" + text(L"CurrentBuild") + "-" +
+           text(L"UBR");
+}
+
 class CameraPackage : public testing::Test {
 protected:
     void SetUp() override { path_ = MachineValue(kEnvironment, L"Path").value_or(L""); }
@@ -45,8 +56,7 @@ TEST_F(CameraPackage, InstallRegistersTheCameraAndExtendsThePathOnce) {
     EXPECT_THAT(run.Last("SetPermissionsRegisterDLL").lines,
                 testing::IsSupersetOf({std::string("DLL Path C:\\Program Files\\TAVO\\Camera\\"),
                                        std::string("DLL Name CameraServer.dll"),
-                                       std::string("VC Dll Name CameraSource.dll"),
-                                       std::string("OS Version: 10-22631-2861")}));
+                                       std::string("VC Dll Name CameraSource.dll"), WindowsVersionLine()}));
     EXPECT_EQ(run.Last("SetPermissionsRegisterDLL").returnValue, 1);
     EXPECT_EQ(run.Last("SetEnvPath_IPU_WA").returnValue, 1);
     EXPECT_EQ(MachineValue(kEnvironment, L"Path"), L"C:\\Windows\\System32\\TAVO;" + path_);

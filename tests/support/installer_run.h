@@ -13,6 +13,11 @@ struct LoggedAction {
     std::vector<std::string> lines;
 };
 
+/// The actions of an installer's log, in the order in which they ended. log: without carriage returns. A
+/// deferred action stands there twice, written to the script and run, whether the installer says "Action
+/// start" for the run or names the operation of its script; the installer's own lines are not the action's.
+std::vector<LoggedAction> ReadActions(const std::string& log);
+
 /// One run of the real installer.
 struct InstallerRun {
     unsigned exitCode = 0;
