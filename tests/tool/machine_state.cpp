@@ -32,13 +32,18 @@ constexpr const wchar_t* kClassesNotRead[] = {
 };
 /// Where Wine counts the starts of services.
 constexpr wchar_t kServiceCount[] = L"HKLM\\System\\CurrentControlSet\\Control\\ServiceCurrent";
-/// What the command interpreter of newer releases of Wine keeps of a pipe: "CMD" and four digits in a folder
-/// of temporary files.
+/// What the command interpreter of newer releases of Wine keeps of a pipe: "CMD" and a number of up to four
+/// digits, without leading zeros, in a folder of temporary files.
 bool IsPipeFile(const std::wstring& folder, const std::wstring& name) {
     constexpr wchar_t kTemporary[] = L"\\Temp";
     constexpr std::size_t kLength = std::size(kTemporary) - 1;
-    return folder.size() > kLength && _wcsicmp(folder.c_str() + folder.size() - kLength, kTemporary) == 0 &&
-           name.size() == 11 && name.compare(0, 3, L"CMD") == 0 && name.compare(7, 4, L".tmp") == 0;
+    if (folder.size() <= kLength || _wcsicmp(folder.c_str() + folder.size() - kLength, kTemporary) != 0 ||
+        name.size() < 8 || name.size() > 11) {
+        return false;
+    }
+    const std::wstring number = name.substr(3, name.size() - 7);
+    return name == L"CMD" + number + L".tmp" &&
+           number.find_first_not_of(L"0123456789abcdefABCDEF") == std::wstring::npos;
 }
 
 /// The same keys once more: CurrentControlSet is a link to it, except on older releases of Wine.

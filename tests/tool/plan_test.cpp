@@ -12,6 +12,7 @@
 #include <set>
 
 #include "tests/components/registry_values.h"
+#include "tests/tool/machine_state.h"
 #include "tests/tool/scenarios.h"
 #include "tests/tool/tool_run.h"
 #include "tool/image.h"
@@ -105,6 +106,26 @@ protected:
 
     static void InstallSettingsApplication() { StoreText(kHXNext, L"Location", kFolder); }
 };
+
+// What a plan is compared with
+
+TEST(MachineStates, LeaveOutTheFilesOfPipesAndNoOthers) {
+    const fs::path folder = fs::temp_directory_path();
+    const auto differences = [&](std::initializer_list<const wchar_t*> names) {
+        const MachineState before = ReadMachine();
+        for (const wchar_t* name : names) {
+            PutFile((folder / name).wstring());
+        }
+        const auto found = Differences(before, ReadMachine());
+        for (const wchar_t* name : names) {
+            fs::remove(folder / name);
+        }
+        return found;
+    };
+    const auto pipes = differences({L"CMD7.tmp", L"CMD57d.tmp", L"CMD1c0f.tmp"});
+    EXPECT_THAT(pipes, IsEmpty()) << Describe(pipes);
+    EXPECT_EQ(differences({L"CMD.tmp", L"CMD12345.tmp", L"CMDxyz.tmp", L"CMD57d.txt"}).size(), 4U);
+}
 
 // The table of imports
 
