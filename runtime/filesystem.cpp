@@ -234,11 +234,10 @@ size_t RootNameLength(const std::wstring& path) {
     if (!separatorAt(0) || path.size() < 3) {
         return 0;
     }
-    const bool isDevicePrefix =
-        (separatorAt(1) && (path[2] == L'?' || path[2] == L'.')) || (path[1] == L'?' && path[2] == L'?');
-    if (isDevicePrefix && separatorAt(3) && !separatorAt(4)) {
+    if (path[1] == L'?' && path[2] == L'?' && separatorAt(3) && !separatorAt(4)) {
         return 3;
     }
+    // Read as a server's name, the prefixes "\\?" and "\\." have their right length.
     if (separatorAt(1) && !separatorAt(2)) {
         return std::min(path.find_first_of(L"\\/", 3), path.size());
     }

@@ -128,6 +128,7 @@ class Base:
         self.source, self.build = source, build
         self.template, self.stage = self.build / "wine-template", self.build / "stage"
         self.building, self.wanted = threading.Lock(), set()
+        self.programs, self.fixtures = {}, {}
 
     def copy_and_build(self, root, jobs):
         wanted = set(tracked(root))
@@ -166,8 +167,11 @@ class Base:
             entry["output"] = re.search(r' -o (\S+) ', entry["command"])[1]
         self.compile = {entry["output"]: entry["command"] for entry in entries}
         self.core = {name: entry["file"] for name, entry in self.entries(entries, "CMakeFiles/corvi_core.dir/")}
-        self.programs, self.objects = {}, {}
+        self.programs, self.objects, self.fixtures = {}, {}, {}
         for name, entry in self.entries(entries, "tests/"):
+            fixture = re.match(r'tests/(?:\w+/)?CMakeFiles/fixture_(\w+)\.dir/', name)
+            if fixture and str(pathlib.Path(entry["file"]).relative_to(self.source)).startswith(FOLDERS):
+                self.fixtures.setdefault(f"{fixture[1]}.exe", []).append(name)
             program = re.match(r'tests/(?:\w+/)?CMakeFiles/(\w+_test)\.dir/', name)
             if program:
                 source = str(pathlib.Path(entry["file"]).relative_to(self.source))
@@ -195,7 +199,8 @@ class Base:
 
     def reached(self, program):
         """The product's objects that a program may run itself, beside the DLL: those of the headers that it
-        includes and of the headers that these objects include, and what no header announces and no action is."""
+        includes and of the headers that these objects include, what no header announces and no action is, and the
+        actions that it declares itself."""
         headers = {}
         for path, objects in self.depends.items():
             if path.endswith(".h") and path.startswith(tuple(f"{self.source / folder}/" for folder in FOLDERS)):
@@ -204,6 +209,7 @@ class Base:
         of_header = {str(pathlib.Path(file).with_suffix(".h")): name for name, file in self.core.items()}
         found = {name for name, file in self.core.items() if not pathlib.Path(file).with_suffix(".h").exists()
                  and "__stdcall" not in pathlib.Path(file).read_text(encoding="utf-8")}
+        found |= self.declared_actions(program)
         support = {name for name in headers if name.startswith("tests/") and "_test.dir/" not in name}
         left = [*self.objects[program], *support, *found]
         while left:
@@ -211,6 +217,13 @@ class Base:
             found |= new
             left += new
         return found
+
+    def declared_actions(self, program):
+        actions = re.compile(r'__stdcall (\w+)\(')
+        declared = {action for source in self.programs.get(program, [])
+                    for action in actions.findall((self.source / source).read_text(encoding="utf-8"))}
+        return {name for name, file in self.core.items()
+                if declared.intersection(actions.findall(pathlib.Path(file).read_text(encoding="utf-8")))}
 
     def dependents(self, path):
         return self.depends.get(str(self.source / path), set())
@@ -248,9 +261,21 @@ class Worker:
         for name in sorted(self.base.dependents(fault.path) & set(self.base.core)):
             self.make_object(name)
         self.make("unstripped/Corvi_CA.dll", self.stage / "Corvi_CA.dll", "-s")
+        for fixture, objects in self.fixtures():
+            for name in objects:
+                self.make_object(name)
+            self.make(f"stage/{fixture}", self.stage / fixture)
+
+    def fixtures(self):
+        """The programs of the tests that carry code of the product, and the fault with it."""
+        objects = self.base.dependents(self.fault.path)
+        return [(fixture, objects.intersection(made)) for fixture, made in self.base.fixtures.items()
+                if objects.intersection(made)]
 
     def restore(self):
         shutil.copy(self.base.source / self.fault.path, self.source / self.fault.path)
+        for fixture, _ in self.fixtures():
+            shutil.copy(self.base.stage / fixture, self.stage / fixture)
 
     def make_object(self, name):
         if name in self.made:

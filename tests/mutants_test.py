@@ -139,6 +139,15 @@ class Reach(unittest.TestCase):
         self.assertEqual({"runtime/process", "runtime/text", "runtime/stack_guard"}, base.reached("process_test"))
         self.assertEqual({"runtime/stack_guard"}, base.reached("settings_app_test"))
 
+    def test_a_program_runs_itself_the_actions_that_it_declares(self):
+        base = mutants.Base(ROOT, ROOT)
+        base.core = {name: str(ROOT / f"{name}.cpp") for name in ("actions/settings_app", "actions/recording_vr")}
+        base.programs = {"kept_test": ["tests/actions/session_handle_test.cpp"],
+                         "other_test": ["tests/actions/settings_app_test.cpp"]}
+        base.objects, base.depends = {"kept_test": ["kept_test"], "other_test": ["other_test"]}, {}
+        self.assertEqual(set(base.core), base.reached("kept_test"))
+        self.assertEqual(set(), base.reached("other_test"))
+
 
 class Score(unittest.TestCase):
     def test_counts_by_folder_what_was_caught_of_what_can_be_seen(self):

@@ -236,6 +236,20 @@ TEST_F(InstallProxy, ATooLongInstallDirectoryIsLoggedAndItsBeginningUsed) {
     EXPECT_THAT(refused_, ElementsAre(L"\"" + tooLong.substr(0, 518)));
 }
 
+TEST_F(InstallProxy, AnInstallDirectoryOf519CharactersIsReadOneOf520IsNot) {
+    RegisterLocation(L"C:\\proxy\\client");
+    ImportHooks hooks(library_.Module());
+    RefuseStarts(hooks);
+    const std::wstring line = ClientLine(L"C:\\proxy\\client\\CLI.exe");
+    session_.SetActionData(std::wstring(519, L'x'));
+    Call();
+    EXPECT_THAT(session_.LogLines(), ElementsAre(line));
+    session_.ClearMessages();
+    session_.SetActionData(std::wstring(520, L'x'));
+    Call();
+    EXPECT_THAT(session_.LogLines(), ElementsAre(line, kUnreadable));
+}
+
 TEST_F(InstallProxy, CommandLinesAreCutAfter519Characters) {
     RegisterLocation(L"C:\\proxy\\client");
     ImportHooks hooks(library_.Module());
