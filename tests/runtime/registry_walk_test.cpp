@@ -513,6 +513,17 @@ TEST_F(KeyTree, APathThatOutgrowsTheBufferStopsWithoutOverrun) {
     EXPECT_TRUE(tree.Exists(name + L'\\' + name + L'\\' + name));
 }
 
+TEST_F(KeyTree, APathOf519CharactersGoesOneOf520Stays) {
+    const std::wstring above = std::wstring(200, L'a') + L'\\' + std::wstring(200, L'b') + L'\\';
+    const std::wstring last(kKeyTreePathCapacity - 1 - (kTree + L"\\"s + above).size(), L'c');
+    tree.Add(above + last);
+    EXPECT_TRUE(Delete(kTree));
+    EXPECT_FALSE(tree.Exists());
+    tree.Add(above + last + L"c");
+    EXPECT_FALSE(Delete(kTree));
+    EXPECT_TRUE(tree.Exists(above + last + L"c"));
+}
+
 TEST_F(KeyTree, ABufferThatIsFullToTheLastCharacterIsNotOverrun) {
     std::wstring path = kTree;
     path += L'\\' + std::wstring(200, L'a') + L'\\' + std::wstring(100, L'a');

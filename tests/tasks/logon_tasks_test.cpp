@@ -186,6 +186,19 @@ TEST_P(RecordedCreateTask, TheRewrittenCopyIsLeftInTheTemporaryDirectoryAndNotUs
     recorder_.WaitForRuns(2);
 }
 
+TEST_P(RecordedCreateTask, TheCopyIsCompleteBeforeTheFirstCommandRuns) {
+    ImportHooks hooks(library_.Module());
+    Lines copies;
+    CORVI_HOOK(hooks, CreateProcessW,
+               [&](LPCWSTR, LPWSTR, LPSECURITY_ATTRIBUTES, LPSECURITY_ATTRIBUTES, BOOL, DWORD, LPVOID,
+                   LPCWSTR, LPSTARTUPINFOW, LPPROCESS_INFORMATION) -> BOOL {
+                   copies.push_back(ReadUtf16(Copy()));
+                   return FALSE;
+               });
+    EXPECT_EQ(Call(), 0U);
+    EXPECT_THAT(copies, testing::ElementsAre(HasSubstr(L"</Task>"), HasSubstr(L"</Task>")));
+}
+
 TEST_P(RecordedCreateTask, TheCopyHoldsTheLocationAsItIsRegistered) {
     suite_.SetLocation(std::wstring(kDirectory) + L'\\');
     EXPECT_EQ(Call(), 0U);
