@@ -147,6 +147,44 @@ TEST(AreSameObject, ComparesByIdentityAndNotByText) {
     EXPECT_FALSE(AreSameObject(tree.Path(L"one"), tree.Path(L"one\\file.txt")));
 }
 
+TEST(AreSameObject, MeansTheSameVolumeAndBothHalvesOfTheFilesNumber) {
+    const FileTree tree;
+    const BY_HANDLE_FILE_INFORMATION one = [] {
+        BY_HANDLE_FILE_INFORMATION information = {};
+        information.dwVolumeSerialNumber = 7;
+        information.nFileIndexHigh = 8;
+        information.nFileIndexLow = 9;
+        return information;
+    }();
+    BY_HANDLE_FILE_INFORMATION other = one;
+    const auto areSame = [&] {
+        ImportHooks hooks(GetModuleHandleW(nullptr));
+        CORVI_HOOK(hooks, GetFileInformationByHandle,
+                   [&, asked = 0](HANDLE, BY_HANDLE_FILE_INFORMATION* information) mutable -> BOOL {
+                       *information = asked++ == 0 ? one : other;
+                       return TRUE;
+                   });
+        return AreSameObject(tree.Path(), tree.Path());
+    };
+    EXPECT_TRUE(areSame());
+    for (DWORD* part : {&other.dwVolumeSerialNumber, &other.nFileIndexHigh, &other.nFileIndexLow}) {
+        other = one;
+        ++*part;
+        EXPECT_FALSE(areSame());
+    }
+}
+
+TEST(AreSameObject, ThrowsWhenThePlatformDoesNotTellWhatIsOpen) {
+    const FileTree tree;
+    ImportHooks hooks(GetModuleHandleW(nullptr));
+    CORVI_HOOK(hooks, GetFileInformationByHandle, [](HANDLE, BY_HANDLE_FILE_INFORMATION*) -> BOOL {
+        SetLastError(ERROR_ACCESS_DENIED);
+        return FALSE;
+    });
+    EXPECT_EQ(Thrown([&] { AreSameObject(tree.Path(), tree.Path()); }),
+              "5 " + Described("equivalent", ERROR_ACCESS_DENIED));
+}
+
 TEST(AreSameObject, ThrowsWhenEitherSideCannotBeOpened) {
     const FileTree tree;
     const std::wstring missing = tree.Path(L"missing");
