@@ -29,9 +29,9 @@ std::wstring FormatBounded(size_t capacity, const wchar_t* format, ...) {
     std::vector<wchar_t> buffer(capacity, L'\0');
     va_list arguments;
     va_start(arguments, format);
+    // The last character stays the terminator.
     _vsnwprintf(buffer.data(), capacity - 1, format, arguments);
     va_end(arguments);
-    buffer.back() = L'\0';
     return buffer.data();
 }
 

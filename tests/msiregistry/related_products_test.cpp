@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -63,6 +64,19 @@ TEST_F(RelatedProducts, AQueryAsksForTheProductsPropertyWithRoomFor260Characters
                });
     EXPECT_EQ(getMSIProductInfo(session_.Handle(), kFirstCode, L"VersionString"), L"1.2.3");
     EXPECT_TRUE(session_.LogLines().empty());
+}
+
+TEST_F(RelatedProducts, AnAnswerWithoutTerminatorEndsWithItsRoom) {
+    CORVI_HOOK(hooks_, MsiGetProductInfoW, [](LPCWSTR, LPCWSTR, LPWSTR buffer, LPDWORD count) -> UINT {
+        std::fill_n(buffer, *count, L'x');
+        return ERROR_SUCCESS;
+    });
+    CORVI_HOOK(hooks_, MsiEnumRelatedProductsW, [](LPCWSTR, DWORD, DWORD index, LPWSTR code) -> UINT {
+        std::fill_n(code, 39, L'x');
+        return index == 0 ? ERROR_SUCCESS : ERROR_NO_MORE_ITEMS;
+    });
+    EXPECT_EQ(getMSIProductInfo(session_.Handle(), kFirstCode, L"VersionString"), std::wstring(259, L'x'));
+    EXPECT_EQ(getRelatedMSIProducts(session_.Handle(), kUpgradeCode), Lines{std::wstring(38, L'x')});
 }
 
 TEST_F(RelatedProducts, AFailedQueryGivesAnEmptyTextAndLogsTheMessageWithoutAsManyCharactersAsTheStatus) {

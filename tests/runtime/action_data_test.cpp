@@ -1,9 +1,13 @@
 #include "runtime/action_data.h"
 
 #include <gtest/gtest.h>
+#include <msiquery.h>
 
+#include <algorithm>
 #include <stdexcept>
+#include <vector>
 
+#include "tests/support/import_hooks.h"
 #include "tests/support/installer_session.h"
 
 namespace corvi::test {
@@ -109,6 +113,30 @@ TEST_F(ReadActionDataTest, AShortPropertyThatIsNotSetReadsEmptyAndWithoutSession
     EXPECT_TRUE(notSet.isRead);
     EXPECT_EQ(notSet.text, L"");
     EXPECT_FALSE(ReadShortProperty(0, L"NEVER_SET").isRead);
+}
+
+/// Answers every read of a property by filling the room for it, without a terminator, and keeps the sizes of
+/// that room. length: what the property's length is said to be.
+void FillWithoutTerminator(ImportHooks& hooks, DWORD length, std::vector<DWORD>& rooms) {
+    CORVI_HOOK(hooks, MsiGetPropertyW,
+               [length, &rooms](MSIHANDLE, LPCWSTR, LPWSTR text, LPDWORD size) -> UINT {
+                   rooms.push_back(*size);
+                   std::fill_n(text, *size, L'x');
+                   *size = length;
+                   return ERROR_SUCCESS;
+               });
+}
+
+TEST_F(ReadActionDataTest, ATextThatThePlatformLeavesUnterminatedEndsWithItsRoom) {
+    ImportHooks hooks(GetModuleHandleW(nullptr));
+    std::vector<DWORD> rooms;
+    FillWithoutTerminator(hooks, 5, rooms);
+    EXPECT_EQ(ReadActionData(session_.Handle()), L"xxxxx");
+    EXPECT_EQ(rooms, (std::vector<DWORD>{0, 6}));
+    EXPECT_EQ(session_.LogLines(), std::vector<std::wstring>{L"CustomActionData: xxxxx"});
+    EXPECT_EQ(ReadShortProperty(session_.Handle(), L"SHORT").text, std::wstring(259, L'x'));
+    EXPECT_EQ(ReadShortProperty(session_.Handle(), L"SHORT", 4).text, L"xxx");
+    EXPECT_EQ(rooms, (std::vector<DWORD>{0, 6, 260, 4}));
 }
 
 }  // namespace

@@ -425,6 +425,21 @@ TEST_F(KeyTree, ATreeOfThreeLevelsGoesDeepestFirst) {
     EXPECT_THAT(deletions, ElementsAre(kTree + L"\\A\\B\\C"s, kTree + L"\\A\\B"s, kTree + L"\\A"s, kTree));
 }
 
+TEST_F(KeyTree, AKeyIsClosedBeforeItIsDeleted) {
+    tree.Add(L"A");
+    std::vector<std::wstring> steps;
+    CORVI_HOOK(hooks, RegCloseKey, [&](HKEY key) -> LSTATUS {
+        steps.emplace_back(L"close");
+        return CORVI_ORIGINAL(hooks, RegCloseKey)(key);
+    });
+    CORVI_HOOK(hooks, RegDeleteKeyExW, [&](HKEY root, LPCWSTR path, REGSAM view, DWORD reserved) -> LSTATUS {
+        steps.emplace_back(path);
+        return CORVI_ORIGINAL(hooks, RegDeleteKeyExW)(root, path, view, reserved);
+    });
+    EXPECT_TRUE(Delete(kTree));
+    EXPECT_THAT(steps, ElementsAre(kTree, kTree + L"\\A"s, L"close", kTree));
+}
+
 TEST_F(KeyTree, ManySubkeysGoInTheOrderOfTheirFirstIndex) {
     for (const wchar_t* name : {L"A", L"B\\X", L"C"}) {
         tree.Add(name);
