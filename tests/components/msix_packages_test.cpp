@@ -1,7 +1,10 @@
 #include "components/msix_packages.h"
 
+#include <windows.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <msiquery.h>
 
 #include <filesystem>
 #include <fstream>
@@ -228,6 +231,24 @@ TEST_F(ChatRemoval, DeletesBothFoldersAndTheKeyAndLogsEachStep) {
                             L"RunCommandline: " + kRemoveChatCommand + L" - \n",
                             L"UninstallTAVOChat: Exit code for LSX CM CHAT MSIX Package uninstall: 0 \n",
                             kGotKey, kInstallGone, kDataGone, kKeyGone));
+}
+
+TEST_F(ChatRemoval, EachStepIsDoneWhenItIsLogged) {
+    const std::wstring install = MakeFolder(L"install");
+    const std::wstring data = MakeFolder(L"data");
+    StoreText(kChatKey, L"InstallPath", install);
+    StoreText(kChatKey, L"DataPath", data);
+    std::vector<std::string> left;
+    ImportHooks hooks(library_.Module());
+    CORVI_HOOK(hooks, MsiProcessMessage, [&](MSIHANDLE, INSTALLMESSAGE, MSIHANDLE) -> int {
+        left.push_back(std::string(fs::exists(install) ? "install " : "") +
+                       (fs::exists(data) ? "data " : "") + (KeyExists(kChatKey) ? "key" : ""));
+        return 0;
+    });
+    EXPECT_EQ(Call(), 0U);
+    ASSERT_EQ(left.size(), 7U);
+    left.erase(left.begin(), left.begin() + 3);
+    EXPECT_THAT(left, ElementsAre("install data key", "data key", "key", ""));
 }
 
 TEST_F(ChatRemoval, WithoutTheKeyThePackageIsRemovedAndTheKeyDeletionIsTriedAllTheSame) {
