@@ -396,6 +396,22 @@ TEST_F(BrandingContent, ADirectoryOfWhichNobodyCanTellWhetherItIsALinkIsNotEnter
     ExpectAllLeft();
 }
 
+// Nothing is deleted here: the second answer says that the directory may be a link.
+TEST_F(BrandingContent, ADrivesRootIsLookedAtAsTheRootNotAsTheCurrentFolderOfTheDrive) {
+    for (const wchar_t* root : {L"C:\\", L"C:/"}) {
+        RegisterDirectory(root);
+        std::vector<std::wstring> asked;
+        ImportHooks hooks(library_.Module());
+        CORVI_HOOK(hooks, GetFileAttributesW, [&](LPCWSTR path) -> DWORD {
+            asked.emplace_back(path);
+            return asked.size() == 1 ? GetFileAttributesW(path) : INVALID_FILE_ATTRIBUTES;
+        });
+        EXPECT_EQ(Call(), 0U);
+        EXPECT_THAT(asked, ElementsAre(root, L"C:\\"));
+        ExpectAllLeft();
+    }
+}
+
 // Wine lets any handle do anything; Windows does not.
 TEST_F(BrandingContent, BothKeysAreOpenedForReading) {
     std::vector<std::pair<std::wstring, REGSAM>> opened;

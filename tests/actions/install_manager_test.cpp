@@ -229,6 +229,19 @@ TEST_F(SetDCLogFileRegistryTest, TheFirstDeviceOfTheListIsSeenToToo) {
     ExpectBothValues(first_);
 }
 
+TEST_F(SetDCLogFileRegistryTest, ADriverKeyOf255CharactersGetsTheValuesOneOf256Nothing) {
+    const auto name = [](size_t characters) {
+        return std::wstring(characters - std::wcslen(kClassKey), L'k');
+    };
+    const ScratchKey fits(kClassKey + name(255));
+    const ScratchKey tooLong(kClassKey + name(256));
+    const Adapter adapter(L"0001", L"TAVO", name(255));
+    const Adapter other(L"0002", L"TAVO", name(256));
+    EXPECT_EQ(Call("SetDCLogFileRegistry"), 0U);
+    ExpectBothValues(fits);
+    ExpectUntouched(tooLong);
+}
+
 TEST_F(SetDCLogFileRegistryTest, ADriverKeyNameThatIsEmptyOrDoesNotFitItsBufferNamesNoKey) {
     const ScratchKey cut(std::wstring(kClassKey) + std::wstring(255 - std::wcslen(kClassKey), L'k'));
     const Adapter adapter(L"0001", L"TAVO", std::wstring(256 - std::wcslen(kClassKey), L'k'));
@@ -533,6 +546,24 @@ TEST_F(PostUnInstallKITETest, EndsTheProcessesFirstAndThenDeletesTheFourTasksInO
         EXPECT_THAT(runs[index + 1].commandLine,
                     testing::EndsWith(L" /delete /TN \"" + kManagerTasks[index] + L"\" /F"));
     }
+}
+
+TEST_F(PostUnInstallKITETest, TheFolderStaysUntilTheTasksAreDeletedAndTheKeyUntilTheFolderIs) {
+    key_.SetText(L"", L"InstallLocation", kManagerFolder);
+    std::vector<std::string> steps;
+    CORVI_HOOK(hooks_, ShellExecuteExW, [&](SHELLEXECUTEINFOW*) -> BOOL {
+        steps.emplace_back(FolderExists() ? "a task, with the folder" : "a task");
+        return FALSE;
+    });
+    CORVI_HOOK(hooks_, RegDeleteTreeW, [&](HKEY root, LPCWSTR key) -> LSTATUS {
+        steps.emplace_back(FolderExists() ? "the key, with the folder" : "the key");
+        return RegDeleteTreeW(root, key);
+    });
+    EXPECT_EQ(Call("PostUnInstallKITE"), 0U);
+    ASSERT_THAT(steps, SizeIs(5));
+    EXPECT_EQ(steps.back(), "the key");
+    steps.pop_back();
+    EXPECT_THAT(steps, Each(std::string("a task, with the folder")));
 }
 
 TEST_F(PostUnInstallKITETest, TheManagersKeyIsOpenedForReadingOnly) {

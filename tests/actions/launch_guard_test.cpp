@@ -118,6 +118,17 @@ TEST_F(LaunchGuardTest, AnotherProgramWithALongerNameDoesNotBlock) {
     EXPECT_EQ(library_.Call("BlockKITELaunch", session_.Handle()), 0U);
 }
 
+TEST_F(LaunchGuardTest, TheFirstProcessOfTheListBlocksToo) {
+    ImportHooks hooks(library_.Module());
+    CORVI_HOOK(hooks, Process32FirstW, [](HANDLE, LPPROCESSENTRY32W entry) -> BOOL {
+        EXPECT_EQ(entry->dwSize, sizeof(PROCESSENTRY32W));
+        lstrcpyW(entry->szExeFile, L"TAVOInstallManager.exe");
+        return TRUE;
+    });
+    CORVI_HOOK(hooks, Process32NextW, [](HANDLE, LPPROCESSENTRY32W) -> BOOL { return FALSE; });
+    EXPECT_EQ(library_.Call("BlockKITELaunch", session_.Handle()), kInstallFailure);
+}
+
 TEST_F(LaunchGuardTest, AFailedSnapshotIsClosedAndDoesNotBlock) {
     ImportHooks hooks(library_.Module());
     std::vector<HANDLE> closed;
