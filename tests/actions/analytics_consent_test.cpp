@@ -74,6 +74,20 @@ TEST_F(AnalyticsConsent, EnableMakesTheKeyAndWritesTrue) {
     EXPECT_THAT(session.LogLines(), IsEmpty());
 }
 
+TEST_F(AnalyticsConsent, EnableWritesTheFlagBeforeItLooksAtTheConsent) {
+    DWORD flag = 1;
+    CORVI_HOOK(hooks, RegOpenKeyExW,
+               [&](HKEY root, LPCWSTR path, DWORD options, REGSAM access, PHKEY key) -> LSTATUS {
+                   if (path == std::wstring(kAnalytics)) {
+                       flag = InstallFlag();
+                   }
+                   return CORVI_ORIGINAL(hooks, RegOpenKeyExW)(root, path, options, access, key);
+               });
+    tavo.Add(L"TAVOAnalytics");
+    EXPECT_EQ(Call("EnableAnalyticsKey"), 0U);
+    EXPECT_EQ(flag, 0U);
+}
+
 TEST_F(AnalyticsConsent, EnableStoresTheTextWithItsTerminator) {
     tavo.Add(L"TAVOAnalytics");
     DWORD type = 0;

@@ -229,6 +229,24 @@ TEST_F(SetDCLogFileRegistryTest, TheFirstDeviceOfTheListIsSeenToToo) {
     ExpectBothValues(first_);
 }
 
+TEST_F(SetDCLogFileRegistryTest, ATextWithoutTerminatorEndsWithItsRoom) {
+    const Adapter adapter(L"0001", L"TAVO", kFirstDriver);
+    std::vector<DWORD> rooms;
+    CORVI_HOOK(
+        hooks_, SetupDiGetDeviceRegistryPropertyW,
+        [&](HDEVINFO, PSP_DEVINFO_DATA, DWORD, PDWORD, PBYTE buffer, DWORD size, PDWORD needed) -> BOOL {
+            rooms.push_back(size);
+            *needed = rooms.size() == 1 ? 1024 : size;
+            std::fill_n(reinterpret_cast<wchar_t*>(buffer), size / sizeof(wchar_t), L'x');
+            return rooms.size() == 1 ? FALSE : TRUE;
+        });
+    EXPECT_EQ(Call("SetDCLogFileRegistry"), 0U);
+    // Room for 255 characters, then for one more than was asked for; a terminator of its own behind both.
+    ASSERT_GE(rooms.size(), 2U);
+    EXPECT_EQ(rooms[0], 510U);
+    EXPECT_EQ(rooms[1], 1026U);
+}
+
 TEST_F(SetDCLogFileRegistryTest, ADriverKeyOf255CharactersGetsTheValuesOneOf256Nothing) {
     const auto name = [](size_t characters) {
         return std::wstring(characters - std::wcslen(kClassKey), L'k');

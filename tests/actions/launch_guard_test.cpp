@@ -78,9 +78,10 @@ TEST_F(LaunchGuardTest, AValueTooLongForTheBufferCountsAsNotAvailable) {
 
 TEST_F(LaunchGuardTest, APropertyThatCannotBeReadCountsAsNotAvailable) {
     ImportHooks hooks(library_.Module());
-    CORVI_HOOK(hooks, MsiGetPropertyW, [](MSIHANDLE, LPCWSTR name, LPWSTR, LPDWORD size) -> UINT {
+    CORVI_HOOK(hooks, MsiGetPropertyW, [](MSIHANDLE, LPCWSTR name, LPWSTR value, LPDWORD size) -> UINT {
         EXPECT_STREQ(name, L"LAUNCHED_FROM_PIM");
         EXPECT_EQ(*size, 260U);
+        lstrcpyW(value, L"1");
         return ERROR_INVALID_HANDLE;
     });
     EXPECT_EQ(library_.Call("BlockLaunch", session_.Handle()), kInstallFailure);

@@ -23,6 +23,7 @@
 #include "tests/support/library.h"
 #include "tests/support/scratch_key.h"
 #include "tests/support/tool_recorder.h"
+#include "tests/tasks/scripted_scheduler.h"
 
 namespace corvi::test {
 namespace {
@@ -33,6 +34,7 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::EndsWith;
+using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::IsSupersetOf;
 using testing::Not;
@@ -187,6 +189,17 @@ TEST_F(PreInstallPpc, DeletesTheFolderWithEverythingInIt) {
     EXPECT_TRUE(fs::exists(kFolderX86)) << "only the uninstall removes the 32-bit folder";
 }
 
+TEST_F(PreInstallPpc, StopsTheOlderClientBeforeItsFolderIsDeleted) {
+    WriteFile(kFolder + L"\\file.txt"s);
+    bool isThere = false;
+    CORVI_HOOK(journal.Hooks(), OpenServiceW, [&](SC_HANDLE, LPCWSTR name, DWORD) -> SC_HANDLE {
+        isThere = isThere || (name == L"PPCL"s && fs::exists(kFolder));
+        return nullptr;
+    });
+    EXPECT_EQ(Call("PreInstallPPC"), 0U);
+    EXPECT_TRUE(isThere);
+}
+
 TEST_F(PreInstallPpc, DeletesTheFolderBeforeTheFilesThatMayHaveComeBack) {
     WriteFile(kFolder + L"\\file.txt"s);
     std::vector<bool> folderIsThere;
@@ -322,6 +335,41 @@ TEST_F(PostInstallPpc, LogsWhatItWasGivenAndTheStateOfTheHandover) {
                 ElementsAre(L"CustomActionData: TaskName=T 1;CommandToLaunch=C:\\a b.exe;Username=Some One",
                             L"Task Name T 1", L"Command to launch C:\\a b.exe", L"Username Some One",
                             L"AfterInstallPPC::Registry status 2"));
+}
+
+TEST_F(PostInstallPpc, RegistersTheTaskThatItsDataOrders) {
+    const ScriptedScheduler scheduler(library.Module());
+    EXPECT_EQ(PostInstall(L"TaskName=T 1;CommandToLaunch=C:\\a b.exe;Username=Some One"), 0U);
+    EXPECT_EQ(scheduler.taskPath, L"T 1");
+    EXPECT_THAT(scheduler.xml, HasSubstr(L"<Command>C:\\a b.exe</Command>"));
+    EXPECT_EQ(scheduler.user, L"Some One");
+}
+
+TEST_F(PostInstallPpc, ClosesTheEventSourceThatItFound) {
+    HANDLE source = nullptr;
+    std::vector<HANDLE> closed;
+    CORVI_HOOK(journal.Hooks(), RegisterEventSourceW, [&](LPCWSTR server, LPCWSTR name) -> HANDLE {
+        source = CORVI_ORIGINAL(journal.Hooks(), RegisterEventSourceW)(server, name);
+        return source;
+    });
+    CORVI_HOOK(journal.Hooks(), DeregisterEventSource, [&](HANDLE handle) -> BOOL {
+        closed.push_back(handle);
+        return CORVI_ORIGINAL(journal.Hooks(), DeregisterEventSource)(handle);
+    });
+    EXPECT_EQ(PostInstall(), 0U);
+    EXPECT_THAT(closed, ElementsAre(source));
+}
+
+TEST_F(PostInstallPpc, LogsAnotherStateOfTheHandoverAsADecimalNumber) {
+    CORVI_HOOK(journal.Hooks(), RegOpenKeyExW,
+               [&](HKEY root, LPCWSTR path, DWORD options, REGSAM access, PHKEY key) -> LSTATUS {
+                   return path == L"SOFTWARE\\TAVO\\TAVOAnalytics"s
+                              ? ERROR_KEY_DELETED
+                              : CORVI_ORIGINAL(journal.Hooks(), RegOpenKeyExW)(root, path, options, access,
+                                                                               key);
+               });
+    EXPECT_EQ(PostInstall(), 0U);
+    EXPECT_EQ(session.LogLines().back(), L"AfterInstallPPC::Registry status 1018");
 }
 
 TEST_F(PostInstallPpc, CreatesAndStartsTheServiceRegistersTheTaskAndRunsIt) {
@@ -608,6 +656,13 @@ TEST_F(PostInstallPpcAccess, OpensTheFolderUnsharedAndForItsAccessListOnly) {
     EXPECT_EQ(written.size(), 1U);
 }
 
+TEST_F(PostInstallPpcAccess, GrantsAFolderWhoseNameIsWrittenInOtherLetters) {
+    fs::remove_all(L"C:\\ProgramData\\TAVO");
+    fs::create_directories(L"C:\\ProgramData\\Tavo\\ppc");
+    EXPECT_EQ(PostInstall(), 0U);
+    EXPECT_EQ(written.size(), 1U);
+}
+
 TEST_F(PostInstallPpcAccess, LeavesAPlantedLinkAlone) {
     CORVI_HOOK(journal.Hooks(), GetFileInformationByHandle,
                [](HANDLE, LPBY_HANDLE_FILE_INFORMATION information) -> BOOL {
@@ -668,6 +723,19 @@ TEST_F(PostInstallPpcAccess, LeavesAFolderBehindALinkAboveItAlone) {
                    const size_t found = real.find(L"\\TAVO\\");
                    const std::wstring shown =
                        found == std::wstring::npos ? real : L"\\\\?\\C:\\Program Files" + real.substr(found);
+                   path[shown.copy(path, size - 1)] = L'\0';
+                   return static_cast<DWORD>(shown.size());
+               });
+    EXPECT_EQ(PostInstall(), 0U);
+    EXPECT_THAT(written, IsEmpty());
+}
+
+TEST_F(PostInstallPpcAccess, LeavesAFolderAloneWhenThePlatformDoesNotTellWhereItsBaseLies) {
+    CORVI_HOOK(journal.Hooks(), GetFinalPathNameByHandleW,
+               [&](HANDLE object, LPWSTR path, DWORD size, DWORD flags) -> DWORD {
+                   CORVI_ORIGINAL(journal.Hooks(), GetFinalPathNameByHandleW)(object, path, size, flags);
+                   const std::wstring shown =
+                       std::wstring(path).ends_with(L"\\TAVO\\PPC") ? L"\\TAVO\\PPC" : L"";
                    path[shown.copy(path, size - 1)] = L'\0';
                    return static_cast<DWORD>(shown.size());
                });
@@ -980,6 +1048,15 @@ TEST_F(UnInstallPpc, DeletesBothFolders) {
     EXPECT_FALSE(fs::exists(kFolder));
     EXPECT_FALSE(fs::exists(kFolderX86));
     EXPECT_FALSE(fs::exists(temporary + L"PPCtemp"));
+}
+
+TEST_F(UnInstallPpc, DeletesAFolderThatComesBackUntilTuepIsStopped) {
+    CORVI_HOOK(journal.Hooks(), OpenServiceW, [&](SC_HANDLE, LPCWSTR, DWORD) -> SC_HANDLE {
+        fs::create_directories(kFolder);
+        return nullptr;
+    });
+    EXPECT_EQ(Call("UnInstallPPC"), 0U);
+    EXPECT_FALSE(fs::exists(kFolder));
 }
 
 TEST_F(UnInstallPpc, MovesWhatIsInUseOutOfTheWayForTheRestart) {

@@ -468,6 +468,17 @@ TEST_F(SettingsApplication, DeleteHXNoUpgradeGoesOnAfterAMissingSubtree) {
                             L"DeleteHXINSTALLDIRFolder: Deleting HX registry result: 0 \n"));
 }
 
+TEST_F(SettingsApplication, DeleteHXNoUpgradeLogsItsResultsAsDecimalNumbers) {
+    ImportHooks hooks(library_.Module());
+    CORVI_HOOK(hooks, RegDeleteTreeW, [](HKEY, LPCWSTR subkey) -> LSTATUS {
+        return subkey == std::wstring(L"Install") ? ERROR_KEY_DELETED : ERROR_KEY_HAS_CHILDREN;
+    });
+    EXPECT_EQ(Call("DeleteHXNoUpgrade"), 0U);
+    EXPECT_THAT(session_.LogLines(),
+                ElementsAre(L"DeleteHXINSTALLDIRFolder: Deleting Install registry result: 1018 \n",
+                            L"DeleteHXINSTALLDIRFolder: Deleting HX registry result: 1020 \n"));
+}
+
 TEST_F(SettingsApplication, DeleteHXNoUpgradeLetsTheErrorOfAMissingKeyOut) {
     DropMachineKey(tavo_.Path());
     try {

@@ -335,9 +335,9 @@ TEST_F(DeleteServiceAction, AFailedDeletionIsLoggedWithItsErrorNumber) {
 
 TEST_F(DeleteServiceAction, AManagerThatDoesNotOpenIsLoggedInItsOwnWords) {
     ScriptedManager manager(hooks);
-    manager.managerError = ERROR_ACCESS_DENIED;
+    manager.managerError = ERROR_DATABASE_DOES_NOT_EXIST;
     EXPECT_EQ(Call(kName, L"*"), 0U);
-    EXPECT_THAT(silentLines, ElementsAre(L"Unable call  OpenSCManager. Error code: 5"));
+    EXPECT_THAT(silentLines, ElementsAre(L"Unable call  OpenSCManager. Error code: 1065"));
     EXPECT_TRUE(manager.AllClosed());
 }
 

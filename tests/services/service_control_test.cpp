@@ -567,7 +567,7 @@ TEST(StopAndDeleteService, EveryFailureIsLoggedAndTheNextStepFollowsRegardless) 
     InstallerSession session;
     ImportHooks hooks(GetModuleHandleW(nullptr));
     ScriptedManager manager(hooks);
-    manager.managerError = ERROR_ACCESS_DENIED;
+    manager.managerError = ERROR_DATABASE_DOES_NOT_EXIST;
     manager.openError = ERROR_INVALID_HANDLE;
     manager.controlError = 1061;
     manager.deleteError = ERROR_INVALID_HANDLE;
@@ -577,8 +577,8 @@ TEST(StopAndDeleteService, EveryFailureIsLoggedAndTheNextStepFollowsRegardless) 
                             "ControlService 1", "DeleteService"));
     EXPECT_TRUE(manager.AllClosed());
     EXPECT_THAT(session.LogLines(),
-                ElementsAre(Line(kManagerLine, ERROR_ACCESS_DENIED), Line(kServiceLine, ERROR_INVALID_HANDLE),
-                            Line(kPauseLine, 1061)));
+                ElementsAre(Line(kManagerLine, ERROR_DATABASE_DOES_NOT_EXIST),
+                            Line(kServiceLine, ERROR_INVALID_HANDLE), Line(kPauseLine, 1061)));
 }
 
 TEST(StopAndDeleteService, ClosesTheManagerAndThenTheService) {
