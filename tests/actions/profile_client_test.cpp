@@ -1050,13 +1050,31 @@ TEST_F(UnInstallPpc, DeletesBothFolders) {
     EXPECT_FALSE(fs::exists(temporary + L"PPCtemp"));
 }
 
-TEST_F(UnInstallPpc, DeletesAFolderThatComesBackUntilTuepIsStopped) {
+TEST_F(UnInstallPpc, StopsBothClientsBeforeTheFolderIsDeleted) {
+    WriteFile(kFolder + L"\\file.txt"s);
+    std::vector<bool> isThere;
     CORVI_HOOK(journal.Hooks(), OpenServiceW, [&](SC_HANDLE, LPCWSTR, DWORD) -> SC_HANDLE {
-        fs::create_directories(kFolder);
+        isThere.push_back(fs::exists(kFolder));
         return nullptr;
     });
     EXPECT_EQ(Call("UnInstallPPC"), 0U);
+    // Each of the two services is opened to be stopped and to be deleted.
+    EXPECT_THAT(isThere, ElementsAre(true, true, true, true));
     EXPECT_FALSE(fs::exists(kFolder));
+}
+
+TEST_F(UnInstallPpc, LogsADriverServiceBeforeItIsOpened) {
+    const DriverService service(kDriver26, L"C:\\Performance Profile Client\\x.sys");
+    Lines lastLines;
+    CORVI_HOOK(journal.Hooks(), OpenServiceW, [&](SC_HANDLE, LPCWSTR name, DWORD) -> SC_HANDLE {
+        if (name == std::wstring(kDriver26)) {
+            lastLines.push_back(session.LogLines().back());
+        }
+        return nullptr;
+    });
+    EXPECT_EQ(Call("UnInstallPPC"), 0U);
+    EXPECT_THAT(lastLines,
+                ElementsAre(L"UnInstallPPC() Service location - c:\\performance profile client\\x.sys"));
 }
 
 TEST_F(UnInstallPpc, MovesWhatIsInUseOutOfTheWayForTheRestart) {

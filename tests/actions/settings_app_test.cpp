@@ -397,6 +397,17 @@ TEST_F(InstallDirFolder, TheRegisteredLocationIsLoggedAndDeleted) {
                                         kInstallLocation + L"C:\\hx\\product\\ \n"));
 }
 
+TEST_F(InstallDirFolder, PackagesAndRulesAreSeenToWhileTheFolderIsThere) {
+    started_.RefuseWith(ERROR_DIRECTORY);
+    RegisterLocation(L"C:\\hx\\product");
+    std::vector<bool> isThere;
+    started_.BeforeEach([&](size_t) { isThere.push_back(folder_.Has(L"product\\plain.txt")); });
+    EXPECT_EQ(Call("DeleteHXINSTALLDIRFolder"), 0U);
+    EXPECT_EQ(isThere, std::vector<bool>(AllCommands().size(), true));
+    EXPECT_THAT(OwnLines(), ElementsAre(kContextMenuExit + L"267 \n", kChatExit + L"267 \n",
+                                        kInstallLocation + L"C:\\hx\\product \n"));
+}
+
 TEST_F(InstallDirFolder, TheLocationIsLoggedBeforeAnythingOfItGoes) {
     RefuseToStartTools();
     RegisterLocation(L"C:\\hx\\product");

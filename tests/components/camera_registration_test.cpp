@@ -315,6 +315,17 @@ TEST_F(SetPermissionsRegisterDll, LogsItsInputsTheVersionAndTheScan) {
                     L"VC Dll Name OptxMedia.dll", L"OS Version: 10-22631-2861", L"OptxScanCameras(1): 0"));
 }
 
+TEST_F(SetPermissionsRegisterDll, LogsItsInputsBeforeItStartsAnything) {
+    std::wstring lastLine;
+    started_.BeforeEach([&](size_t before) {
+        if (before == 0) {
+            lastLine = session_.LogLines().back();
+        }
+    });
+    Install();
+    EXPECT_EQ(lastLine, L"VC Dll Name OptxMedia.dll");
+}
+
 TEST_F(SetPermissionsRegisterDll, WholeTreeIsHandedToTheUsersBeforeAnyRegistration) {
     fs::create_directories(kDirectory + L"inner");
     std::ofstream(fs::path(kDirectory + L"inner\\data.bin")) << "x";
