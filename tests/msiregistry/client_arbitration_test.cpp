@@ -385,6 +385,19 @@ TEST_F(CheckForClients, AnOlderCopyIsUnregisteredAndTheInstallGoesOn) {
     EXPECT_TRUE(newer.IsKnown());
 }
 
+TEST_F(CheckForClients, AnOlderCopyIsGoneWhenThatIsLogged) {
+    const InstalledProduct older(L"tuep_1", L"01");
+    Register(L"HX_TUEPStatus", 1);
+    Lines lastLines;
+    CORVI_HOOK(hooks_, RegDeleteTreeW, [&](HKEY key, LPCWSTR subkey) -> LSTATUS {
+        lastLines.push_back(session_.LogLines().back());
+        return CORVI_ORIGINAL(hooks_, RegDeleteTreeW)(key, subkey);
+    });
+    EXPECT_EQ(Call(kInstallVersion2), kGoOn);
+    EXPECT_THAT(lastLines, testing::Not(IsEmpty()));
+    EXPECT_THAT(lastLines, testing::Each(testing::StartsWith(L"Previous installed - Version 1.0.0")));
+}
+
 TEST_F(CheckForClients, ACopyOfTheSameVersionIsKeptAndStarted) {
     const InstalledProduct same(L"tuep_2", L"02");
     Register(L"LSX_TUEPStatus", 2);

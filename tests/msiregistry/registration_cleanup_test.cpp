@@ -329,6 +329,34 @@ TEST_F(RegistrationCleanup, AnUpgradeCodeKeepsItsOtherProductsAndDisappearsWithI
     EXPECT_THAT(ValueNames(HKEY_LOCAL_MACHINE, kMachineCodes + L"OthersOnly"), ElementsAre(kOtherPacked));
 }
 
+TEST_F(RegistrationCleanup, AnUpgradeCodeIsClosedBeforeItIsDeleted) {
+    PlantInstalled(kMachineSid, kPacked, kCode);
+    PlantUsers(HKEY_LOCAL_MACHINE, kMachineCodes + L"Only", {kPacked});
+    std::vector<HKEY> open;
+    std::vector<bool> openAtDeletion;
+    CORVI_HOOK(hooks_, RegOpenKeyExW,
+               [&](HKEY root, LPCWSTR subkey, DWORD options, REGSAM access, PHKEY key) -> LSTATUS {
+                   const LSTATUS status =
+                       CORVI_ORIGINAL(hooks_, RegOpenKeyExW)(root, subkey, options, access, key);
+                   if (status == ERROR_SUCCESS && subkey == std::wstring(L"Only")) {
+                       open.push_back(*key);
+                   }
+                   return status;
+               });
+    CORVI_HOOK(hooks_, RegCloseKey, [&](HKEY key) -> LSTATUS {
+        std::erase(open, key);
+        return CORVI_ORIGINAL(hooks_, RegCloseKey)(key);
+    });
+    CORVI_HOOK(hooks_, RegDeleteTreeW, [&](HKEY key, LPCWSTR subkey) -> LSTATUS {
+        if (subkey == std::wstring(L"Only")) {
+            openAtDeletion.push_back(!open.empty());
+        }
+        return CORVI_ORIGINAL(hooks_, RegDeleteTreeW)(key, subkey);
+    });
+    RemoveProductRegistration(kName);
+    EXPECT_THAT(openAtDeletion, ElementsAre(false));
+}
+
 TEST_F(RegistrationCleanup, ComponentsOfTheSameUserFollowTheSameRule) {
     PlantInstalled(kMachineSid, kPacked, kCode);
     const std::wstring components = kUserData + kMachineSid + L"\\Components\\";

@@ -563,6 +563,21 @@ TEST(StopAndDeleteService, AMissingServiceLogsTheOpeningAndTheStop) {
                                                 Line(kPauseLine, ERROR_INVALID_HANDLE)));
 }
 
+TEST(StopAndDeleteService, TheOpeningsErrorIsLoggedBeforeTheManagerIsClosed) {
+    InstallerSession session;
+    ImportHooks hooks(GetModuleHandleW(nullptr));
+    ScriptedManager manager(hooks);
+    manager.openError = ERROR_SERVICE_DOES_NOT_EXIST;
+    manager.controlError = ERROR_INVALID_HANDLE;
+    CORVI_HOOK(hooks, CloseServiceHandle, [](SC_HANDLE) -> BOOL {
+        SetLastError(ERROR_BUSY);
+        return TRUE;
+    });
+    StopAndDeleteService(session.Handle(), kName);
+    EXPECT_THAT(session.LogLines(), ElementsAre(Line(kServiceLine, ERROR_SERVICE_DOES_NOT_EXIST),
+                                                Line(kPauseLine, ERROR_INVALID_HANDLE)));
+}
+
 TEST(StopAndDeleteService, EveryFailureIsLoggedAndTheNextStepFollowsRegardless) {
     InstallerSession session;
     ImportHooks hooks(GetModuleHandleW(nullptr));
