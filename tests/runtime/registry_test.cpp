@@ -497,6 +497,18 @@ TEST_F(Registry, MissingMultiStringOrOneOfAnotherTypeThrows) {
     EXPECT_EQ(ErrorOf([&] { (void)key.GetMultiString(L"Text"); }).code().value(), ERROR_UNSUPPORTED_TYPE);
 }
 
+TEST_F(Registry, MultiStringOfWhichBothCallsFailThrowsTheFirstOnesCodeOfWhichOneFailsThatOnes) {
+    LSTATUS sizing = ERROR_ACCESS_DENIED;
+    CORVI_HOOK(hooks, RegGetValueW,
+               [&](HKEY, LPCWSTR, LPCWSTR, DWORD, LPDWORD, PVOID data, LPDWORD) -> LSTATUS {
+                   return data != nullptr ? ERROR_KEY_DELETED : sizing;
+               });
+    const RegKey key = OpenScratch();
+    EXPECT_EQ(ErrorOf([&] { (void)key.GetMultiString(L"List"); }).code().value(), ERROR_ACCESS_DENIED);
+    sizing = ERROR_SUCCESS;
+    EXPECT_EQ(ErrorOf([&] { (void)key.GetMultiString(L"List"); }).code().value(), ERROR_KEY_DELETED);
+}
+
 TEST_F(Registry, MultiStringThatGrowsBetweenSizingAndReadIsReadWhole) {
     scratch.SetValue(L"", L"List", REG_MULTI_SZ, L"a\0", 6);
     const std::wstring longer(5000, L'x');
