@@ -462,6 +462,13 @@ TEST(StartServiceAndWait, ProgressRestartsTheTimerOfTheStart) {
     EXPECT_TRUE(StartServiceAndWait());
 }
 
+TEST(StartServiceAndWait, ACheckPointThatStandsStillAfterSomeProgressIsGivenUp) {
+    // The queries behind the last of these say that it runs: a wait that goes on would see it.
+    Scripted scripted({Stopped(), Starting(2500, 1), Starting(2500, 2), Starting(2500, 2), Starting(2500, 2),
+                       Starting(2500, 2), Running()});
+    EXPECT_FALSE(StartServiceAndWait());
+}
+
 TEST(StartServiceAndWait, ACheckPointThatGoesBackIsNoProgress) {
     Scripted back({Stopped(), Starting(2500, 5), Starting(2500, 4)});
     EXPECT_FALSE(StartServiceAndWait());
