@@ -17,6 +17,7 @@
 #include "tests/support/import_hooks.h"
 #include "tests/support/installer_session.h"
 #include "tests/support/library.h"
+#include "tests/support/platform.h"
 
 namespace corvi::test {
 namespace {
@@ -848,8 +849,8 @@ TEST_F(InAPackage, AnUninstallWhileAnotherHoldsTuepEndsAsCancelled) {
 TEST_F(InAPackage, AnInstallWithANewerCopyIsAnsweredWith259) {
     const InstalledProduct newer(L"tuep_10", L"03");
     Register(L"HX_TUEPStatus", 1);
-    // Windows skips the rest of the sequence, successfully; Wine goes on as if the answer were 0.
     EXPECT_EQ(Run(L"/i"), 0U);
+    EXPECT_EQ(IsInstalled(), !InstallerSkipsTheRest());
     EXPECT_TRUE(newer.IsKnown());
     EXPECT_EQ(Registered(L"LSX_TUEPStatus"), 1U);
 }

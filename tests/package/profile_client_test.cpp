@@ -6,6 +6,7 @@
 #include "tests/package/machine.h"
 #include "tests/package/package_copy.h"
 #include "tests/support/installer_run.h"
+#include "tests/support/platform.h"
 #include "tests/support/test_service.h"
 
 namespace corvi::test {
@@ -60,13 +61,13 @@ TEST_F(ProfileClientPackage, TheFirstClientInstallsTuepAndItsUninstallRemovesIt)
 TEST_F(ProfileClientPackage, TheCopiesAndClientsAreArbitrated) {
     RunInstaller(Install(L"1.5.0", L"LSX"));
 
-    // A second client with an older copy is told to skip. Windows skips the rest of the sequence after
-    // 259; Wine's installer goes on.
+    // A second client with an older copy is told to skip.
     const InstallerRun older = RunInstaller(Install(L"1.0.0", L"DVR"));
     EXPECT_EQ(older.exitCode, 0U);
     EXPECT_THAT(older.Last("CheckForClients").lines,
                 testing::Contains("Skipping install as - 1.5.0 installed"));
     EXPECT_EQ(MachineValue(kRegister, L"DVR_TUEPStatus"), L"1");
+    EXPECT_EQ(InstalledProducts(kTuepProducts).size(), InstallerSkipsTheRest() ? 1U : 2U);
 
     // The first client's uninstall keeps TUEP while the second holds it.
     const InstallerRun kept = RunInstaller(Uninstall(L"1.5.0", L"LSX"));

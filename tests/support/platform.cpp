@@ -4,8 +4,10 @@
 #include <vector>
 
 #include "tests/support/folders.h"
+#include "tests/support/installer_run.h"
 #include "tests/support/running_program.h"
 #include "tests/support/scratch_key.h"
+#include "tests/support/throwaway_machine.h"
 
 namespace corvi::test {
 namespace {
@@ -51,6 +53,14 @@ bool AskConsoleHost() {
     return holds;
 }
 
+bool AskInstaller() {
+    RunInstaller(L"/i C:\\corvi\\skip_rest.msi");
+    const LSTATUS installed = RegGetValueW(HKEY_LOCAL_MACHINE, kThrowawayKey, L"NotSkipped", RRF_RT_REG_SZ,
+                                           nullptr, nullptr, nullptr);
+    RunInstaller(L"/x C:\\corvi\\skip_rest.msi");
+    return installed != ERROR_SUCCESS;
+}
+
 bool AskLinks() {
     constexpr wchar_t kLink[] = L"C:\\corvi\\link of our own";
     if (CreateSymbolicLinkW(kLink, L"C:\\corvi", SYMBOLIC_LINK_FLAG_DIRECTORY) == 0) {
@@ -79,6 +89,11 @@ std::wstring MultiStringHandedOver(const std::wstring& stored) {
 
 bool TaskKillEndsEveryProcess() {
     static const bool answer = AskTaskKill();
+    return answer;
+}
+
+bool InstallerSkipsTheRest() {
+    static const bool answer = AskInstaller();
     return answer;
 }
 

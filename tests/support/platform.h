@@ -21,6 +21,11 @@ bool TaskKillEndsEveryProcess();
 /// with a program of our own.
 bool ConsoleHostHoldsFolder();
 
+/// True when the platform's installer skips the rest of the sequence, successfully, after an action that
+/// answers ERROR_NO_MORE_ITEMS (259), as documented; false when it goes on. Asked once, with a package of our
+/// own.
+bool InstallerSkipsTheRest();
+
 /// True when the platform makes and removes links by its own calls. Asked once, with a link of our own.
 bool MakesLinks();
 
