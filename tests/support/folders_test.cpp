@@ -23,7 +23,7 @@ protected:
         fs::create_directories(fs::path(kFile).parent_path());
         std::ofstream(fs::path(kFile)) << "x";
     }
-    ~RemoveFolderTest() override { RemoveFolderAtEnd(kFolder); }
+    void TearDown() override { RemoveFolderAtEnd(kFolder); }
 };
 
 TEST_F(RemoveFolderTest, EverythingInItGoesReadOnlyOrNot) {
