@@ -5,8 +5,10 @@
 
 #include "tests/package/machine.h"
 #include "tests/package/package_copy.h"
+#include "tests/support/folders.h"
 #include "tests/support/installer_run.h"
 #include "tests/support/platform.h"
+#include "tests/support/running_program.h"
 #include "tests/support/test_service.h"
 
 namespace corvi::test {
@@ -34,6 +36,9 @@ protected:
         UninstallProducts(kTuepProducts, L"CLIENTNAME=Nobody");
         RegDeleteTreeW(HKEY_LOCAL_MACHINE, kRegister);
         RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\TAVO");
+        // An uninstall may leave the program running: a service that is just starting takes no order to stop.
+        EndPrograms(L"TUEPDU.exe");
+        RemoveFolderAtEnd(L"C:\\Program Files\\TAVO\\Performance Profile Client");
     }
 };
 

@@ -1,5 +1,8 @@
 #include "tests/support/running_program.h"
 
+#include <tlhelp32.h>
+
+#include <cwchar>
 #include <filesystem>
 #include <stdexcept>
 
@@ -39,6 +42,25 @@ RunningProgram::~RunningProgram() {
     TerminateProcess(process_.hProcess, 0);
     WaitForSingleObject(process_.hProcess, kLimitMilliseconds);
     CloseHandle(process_.hProcess);
+}
+
+void EndPrograms(const std::wstring& imageName) {
+    const HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
+    PROCESSENTRY32W entry = {};
+    entry.dwSize = sizeof(entry);
+    for (BOOL more = Process32FirstW(snapshot, &entry); more != FALSE;
+         more = Process32NextW(snapshot, &entry)) {
+        if (_wcsicmp(entry.szExeFile, imageName.c_str()) != 0) {
+            continue;
+        }
+        const HANDLE process = OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, entry.th32ProcessID);
+        if (process != nullptr) {
+            TerminateProcess(process, 0);
+            WaitForSingleObject(process, kLimitMilliseconds);
+            CloseHandle(process);
+        }
+    }
+    CloseHandle(snapshot);
 }
 
 bool RunningProgram::Runs() const { return WaitForSingleObject(process_.hProcess, 0) == WAIT_TIMEOUT; }

@@ -27,4 +27,8 @@ private:
     PROCESS_INFORMATION process_ = {};
 };
 
+/// Ends every process of an image name ("TUEPDU.exe"), whoever started it, and waits up to 30 seconds for
+/// each. Stands on the process snapshot and TerminateProcess.
+void EndPrograms(const std::wstring& imageName);
+
 }  // namespace corvi::test
