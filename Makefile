@@ -69,7 +69,7 @@ sweep: setup-build build/release/CMakeCache.txt ## every fault of the fault swee
 	@CORVI_FAULTS_ONE_OF=1 CORVI_TEST_TIMEOUT=1800 tests/run-wine.sh build/release/wine-template build/release/stage \
 	  build/release/tests/fault_sweep_test.exe
 
-soak: setup-test build/release/CMakeCache.txt ## the suite 20 times beside endless programs, in another order each time: [SOAK="RUNS BUSY"]
+soak: setup-test build/release/CMakeCache.txt ## the suite 20 times beside endless programs, in another order each time: [SOAK="RUNS BUSY JOBS"]
 	@cmake --build --preset release -j $(JOBS)
 	@sh scripts/soak.sh $(SOAK)
 
