@@ -51,6 +51,12 @@ refuses() {
 expect "tests refuse to run on a machine that is not marked" refuses
 expect "running programs gave the prefix no way out either" no_way_out
 
+no_own_devices() {
+  (cd "$WINEPREFIX/drive_c" && wine reg query 'HKLM\SYSTEM\CurrentControlSet\Enum' >/dev/null 2>&1 &&
+    ! wine reg query 'HKLM\SYSTEM\CurrentControlSet\Enum\ROOT\WINE' >/dev/null 2>&1)
+}
+expect "Wine's input and USB buses are not started" no_own_devices
+
 # /proc/PID/personality: 0040000 says that addresses are not random.
 same_layout() {
   setarch -R true 2>/dev/null || return 0

@@ -103,6 +103,21 @@ class Kit(unittest.TestCase):
         self.assertEqual("ended with 5", self.report("first_test").find(".//error").get("message"))
         self.assertEqual("ended with 0", self.report("second_test").find(".//error").get("message"))
 
+    def test_what_an_earlier_program_still_holds_in_the_stage_is_named(self):
+        self.program(BUILD / "tests" / "action_data_test.exe")
+        hold = ("cp stage/sleeper.exe ../corvi/held.exe; (wine C:/corvi/held.exe >/dev/null 2>&1 &); "
+                "for _ in $(seq 100); do wine tasklist | grep -q held.exe && break; sleep 0.1; done")
+        code, output = self.run_kit(CONSENT, prepare=hold)
+        self.assertEqual(0, code, output)
+        self.assertIn("earlier programs left and still hold: held.exe\n", output)
+
+    def test_renewing_the_stage_does_not_go_through_links(self):
+        self.program(BUILD / "tests" / "action_data_test.exe")
+        link = "mkdir ../outside; echo >../outside/file; mkdir ../corvi/folder; ln -s ../../outside ../corvi/folder/link"
+        code, output = self.run_kit(CONSENT, prepare=link, after="ls ../outside")
+        self.assertEqual(0, code, output)
+        self.assertTrue(output.endswith("\nfile\n"), output)
+
     def test_programs_that_pass_are_told_with_their_reports(self):
         for name in ("action_data_test", "dll_test", "launch_guard_test"):
             self.program(BUILD / "tests" / f"{name}.exe")

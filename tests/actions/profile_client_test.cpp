@@ -21,6 +21,7 @@
 #include "tests/support/import_hooks.h"
 #include "tests/support/installer_session.h"
 #include "tests/support/library.h"
+#include "tests/support/scheduled_tasks.h"
 #include "tests/support/scratch_key.h"
 #include "tests/support/tool_recorder.h"
 #include "tests/tasks/scripted_scheduler.h"
@@ -828,7 +829,8 @@ TEST(PostInstallPpcOnTheMachine, MakesTheServiceAndTheTask) {
     DeleteService(service);
     CloseServiceHandle(service);
     CloseServiceHandle(manager);
-    EXPECT_TRUE(DeleteFileW(L"C:\\windows\\system32\\tasks\\CorviPpcTask"));
+    EXPECT_TRUE(TaskExists(L"CorviPpcTask"));
+    RemoveTask(L"CorviPpcTask");
     const auto runs = tools.WaitForRuns(1);
     ASSERT_EQ(runs.size(), 1U);
     EXPECT_THAT(runs[0].commandLine, EndsWith(L" /run /TN CorviPpcTask"));

@@ -12,16 +12,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-bool IsThere(const std::wstring& path) {
-    WIN32_FIND_DATAW data = {};
-    const HANDLE find = FindFirstFileW(path.c_str(), &data);
-    if (find == INVALID_HANDLE_VALUE) {
-        return false;
-    }
-    FindClose(find);
-    return true;
-}
-
 }  // namespace
 
 TestFolder::TestFolder(const std::wstring& name) : path_(L"C:\\" + name) {

@@ -44,6 +44,7 @@ struct Outcome {
     bool timedOut = false;
     bool told = false;    // the program wrote its own JUnit file
     std::string trouble;  // why the kit could not run it; empty when it could
+    std::wstring left;    // what earlier programs left in the stage and still hold; empty when nothing
     double seconds = 0;
 
     bool Passed() const {
@@ -147,15 +148,44 @@ void Check(const std::error_code& error, const fs::path& path) {
     }
 }
 
+/// Removes a file or a folder with all that is in it; a link goes itself, what it leads to stays. False when
+/// something is held. path: absolute; handed to the platform as it is, however long.
+bool Remove(const std::wstring& path) {
+    const DWORD attributes = GetFileAttributesW(path.c_str());
+    if (attributes == INVALID_FILE_ATTRIBUTES) {
+        return GetLastError() == ERROR_FILE_NOT_FOUND;
+    }
+    SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
+    if ((attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
+        return DeleteFileW(path.c_str()) != FALSE;
+    }
+    WIN32_FIND_DATAW found = {};
+    const HANDLE search = (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0
+                              ? INVALID_HANDLE_VALUE
+                              : FindFirstFileW((path + L"\\*").c_str(), &found);
+    if (search != INVALID_HANDLE_VALUE) {
+        do {
+            const std::wstring name = found.cFileName;
+            if (name != L"." && name != L"..") {
+                Remove(path + L"\\" + name);
+            }
+        } while (FindNextFileW(search, &found));
+        FindClose(search);
+    }
+    return RemoveDirectoryW(path.c_str()) != FALSE;
+}
+
 /// C:\corvi as each test program expects it: the kit's stage and nothing that an earlier program left. What
-/// is still in use stays, and is written over where that goes. Throws std::runtime_error when a file of the
-/// stage cannot be put there.
-void RenewStage(const fs::path& kit, const fs::path& program) {
+/// is still in use stays, and is written over where that goes. Gives the names of what stays; throws
+/// std::runtime_error when a file of the stage cannot be put there.
+std::wstring RenewStage(const fs::path& kit, const fs::path& program) {
+    std::wstring left;
     std::error_code error;
     if (fs::exists(kStage, error)) {
         for (const auto& entry : fs::directory_iterator(kStage, error)) {
-            std::error_code kept;
-            fs::remove_all(entry.path(), kept);
+            if (!Remove(L"\\\\?\\" + entry.path().wstring())) {
+                left += L" " + entry.path().filename().wstring();
+            }
         }
     }
     fs::create_directories(kStage, error);
@@ -169,6 +199,7 @@ void RenewStage(const fs::path& kit, const fs::path& program) {
     const fs::path staged = fs::path(kStage) / program.filename();
     fs::copy_file(program, staged, fs::copy_options::overwrite_existing, error);
     Check(error, staged);
+    return left;
 }
 
 HANDLE OpenOutput(const fs::path& file) {
@@ -287,7 +318,7 @@ Outcome RunProgram(const fs::path& kit, const fs::path& program, DWORD limitSeco
     fs::remove(report, ignored);
     const ULONGLONG begin = GetTickCount64();
     try {
-        RenewStage(kit, program);
+        outcome.left = RenewStage(kit, program);
         const fs::path staged = fs::path(kStage) / program.filename();
         RunWithLimit(L"\"" + staged.wstring() + L"\" \"--gtest_output=xml:" + report.wstring() + L"\"",
                      results / (outcome.program + L".txt"), limitSeconds, outcome);
@@ -340,6 +371,9 @@ void PrintRow(const Outcome& outcome) {
                 outcome.failures, outcome.seconds, Verdict(outcome));
     if (!outcome.trouble.empty()) {
         std::printf("    %s\n", outcome.trouble.c_str());
+    }
+    if (!outcome.left.empty()) {
+        std::printf("    earlier programs left and still hold:%ls\n", outcome.left.c_str());
     }
     std::fflush(stdout);
 }

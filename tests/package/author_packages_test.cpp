@@ -8,6 +8,7 @@
 #include "tests/package/machine.h"
 #include "tests/support/folders.h"
 #include "tests/support/installer_run.h"
+#include "tests/support/scheduled_tasks.h"
 
 namespace corvi::test {
 namespace {

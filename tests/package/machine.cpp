@@ -67,6 +67,4 @@ void UninstallProducts(const std::wstring& upgradeCode, const std::wstring& prop
     }
 }
 
-bool TaskExists(const std::wstring& name) { return FileExists(L"C:\\windows\\system32\\tasks\\" + name); }
-
 }  // namespace corvi::test

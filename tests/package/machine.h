@@ -22,7 +22,5 @@ bool StartFolderIsGone(const std::wstring& folder);
 std::vector<std::wstring> InstalledProducts(const std::wstring& upgradeCode);
 /// Uninstalls every product that is installed under an upgrade code, each with the given properties.
 void UninstallProducts(const std::wstring& upgradeCode, const std::wstring& properties = L"");
-/// True when the task scheduler holds a task of that name.
-bool TaskExists(const std::wstring& name);
 
 }  // namespace corvi::test

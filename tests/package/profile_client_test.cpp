@@ -9,6 +9,7 @@
 #include "tests/support/installer_run.h"
 #include "tests/support/platform.h"
 #include "tests/support/running_program.h"
+#include "tests/support/scheduled_tasks.h"
 #include "tests/support/test_service.h"
 
 namespace corvi::test {

@@ -9,6 +9,7 @@
 #include "tests/package/machine.h"
 #include "tests/package/package_copy.h"
 #include "tests/support/installer_run.h"
+#include "tests/support/scheduled_tasks.h"
 
 namespace corvi::test {
 namespace {

@@ -19,26 +19,18 @@ std::wstring Verbatim(const std::wstring& name) {
     return name.empty() ? kVerbatimRoot : kVerbatimRoot + (L"\\" + name);
 }
 
-bool IsThere(const std::wstring& path) { return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
+bool HasAttributes(const std::wstring& path) {
+    return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
 
 void List(const std::wstring& folder, std::vector<std::wstring>& paths) {
-    WIN32_FIND_DATAW found = {};
-    const HANDLE search = FindFirstFileW((folder + L"\\*").c_str(), &found);
-    if (search == INVALID_HANDLE_VALUE) {
-        return;
-    }
-    do {
-        const std::wstring name = found.cFileName;
-        if (name == L"." || name == L"..") {
-            continue;
+    ForEachEntry(folder, [&](const std::wstring& path, DWORD attributes) {
+        paths.push_back(path);
+        if ((attributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) ==
+            FILE_ATTRIBUTE_DIRECTORY) {
+            List(path, paths);
         }
-        paths.push_back(folder + L"\\" + name);
-        if ((found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0 &&
-            (found.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0) {
-            List(folder + L"\\" + name, paths);
-        }
-    } while (FindNextFileW(search, &found) != FALSE);
-    FindClose(search);
+    });
 }
 
 std::vector<BYTE> RestartList() {
@@ -115,7 +107,7 @@ std::wstring FileTree::Link(const std::wstring& name, const std::string& target)
     return link;
 }
 
-bool FileTree::Exists(const std::wstring& name) const { return IsThere(Verbatim(name)); }
+bool FileTree::Exists(const std::wstring& name) const { return HasAttributes(Verbatim(name)); }
 
 std::vector<std::wstring> FileTree::All() const {
     std::vector<std::wstring> paths;

@@ -1,7 +1,5 @@
 #include "tests/support/folders.h"
 
-#include <windows.h>
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -15,16 +13,6 @@ namespace {
 
 constexpr ULONGLONG kLimitMilliseconds = 30000;
 constexpr ULONGLONG kHeldMilliseconds = 10000;
-
-bool IsThere(const std::wstring& path) {
-    WIN32_FIND_DATAW data = {};
-    const HANDLE find = FindFirstFileW(path.c_str(), &data);
-    if (find == INVALID_HANDLE_VALUE) {
-        return false;
-    }
-    FindClose(find);
-    return true;
-}
 
 /// The path by which names are taken as they are, however long, with a blank or a dot at the end. path:
 /// absolute, with or without trailing backslash.
@@ -74,23 +62,6 @@ std::wstring PathBelow(const std::wstring& path) {
     return {narrow.begin(), narrow.end()};
 }
 
-/// Calls visit(path, attributes) for each entry of a folder.
-template <typename Visit>
-void ForEachEntry(const std::wstring& folder, Visit visit) {
-    WIN32_FIND_DATAW found = {};
-    const HANDLE search = FindFirstFileW((folder + L"\\*").c_str(), &found);
-    if (search == INVALID_HANDLE_VALUE) {
-        return;
-    }
-    do {
-        const std::wstring name = found.cFileName;
-        if (name != L"." && name != L"..") {
-            visit(folder + L"\\" + name, found.dwFileAttributes);
-        }
-    } while (FindNextFileW(search, &found) != FALSE);
-    FindClose(search);
-}
-
 bool IsLink(DWORD attributes) { return (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0; }
 bool IsFolder(DWORD attributes) { return (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0; }
 
@@ -131,6 +102,32 @@ DWORD RemoveFiles(const std::wstring& folder) {
 }
 
 }  // namespace
+
+bool IsThere(const std::wstring& path) {
+    WIN32_FIND_DATAW data = {};
+    const HANDLE find = FindFirstFileW(path.c_str(), &data);
+    if (find == INVALID_HANDLE_VALUE) {
+        return false;
+    }
+    FindClose(find);
+    return true;
+}
+
+void ForEachEntry(const std::wstring& folder,
+                  const std::function<void(const std::wstring& path, DWORD attributes)>& visit) {
+    WIN32_FIND_DATAW found = {};
+    const HANDLE search = FindFirstFileW((folder + L"\\*").c_str(), &found);
+    if (search == INVALID_HANDLE_VALUE) {
+        return;
+    }
+    do {
+        const std::wstring name = found.cFileName;
+        if (name != L"." && name != L"..") {
+            visit(folder + L"\\" + name, found.dwFileAttributes);
+        }
+    } while (FindNextFileW(search, &found) != FALSE);
+    FindClose(search);
+}
 
 void RemoveFolder(const std::filesystem::path& folder) {
     const std::wstring path = Verbatim(folder.wstring());

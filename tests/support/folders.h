@@ -1,9 +1,21 @@
 #pragma once
 
+#include <windows.h>
+
 #include <filesystem>
+#include <functional>
 #include <string>
 
 namespace corvi::test {
+
+/// True when there is something of that name, a link that leads nowhere included. path: absolute, not a
+/// drive's root.
+bool IsThere(const std::wstring& path);
+
+/// Calls visit(path, attributes) for each entry of a folder, in the platform's order; for none when there is
+/// no such folder. folder: without trailing backslash.
+void ForEachEntry(const std::wstring& folder,
+                  const std::function<void(const std::wstring& path, DWORD attributes)>& visit);
 
 /// Removes a folder with all that is in it, if it is there; a link in it goes, what it leads to stays. Waits
 /// up to ten seconds for a program that is ending and still holds something. Throws

@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+#include <aclapi.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
@@ -19,8 +21,49 @@ std::wstring OriginalOf(const std::wstring& path) { return path + L".original"; 
 std::wstring FileNameOf(const std::wstring& path) { return std::filesystem::path(path).filename(); }
 std::wstring ExitCodeOf(const std::wstring& path) { return path + L".exitcode"; }
 
+void Enable(const wchar_t* privilege) {
+    HANDLE token = nullptr;
+    if (OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES, &token) != FALSE) {
+        TOKEN_PRIVILEGES wanted = {};
+        wanted.PrivilegeCount = 1;
+        wanted.Privileges[0].Attributes = SE_PRIVILEGE_ENABLED;
+        LookupPrivilegeValueW(nullptr, privilege, &wanted.Privileges[0].Luid);
+        AdjustTokenPrivileges(token, FALSE, &wanted, 0, nullptr, nullptr);
+        CloseHandle(token);
+    }
+}
+
+/// Makes administrators the owners of a file, with every right. Windows' own tools belong to its installer,
+/// and others, whoever they are, may only run them.
+void TakeOver(std::wstring path) {
+    BYTE administrators[SECURITY_MAX_SID_SIZE] = {};
+    DWORD size = sizeof(administrators);
+    CreateWellKnownSid(WinBuiltinAdministratorsSid, nullptr, administrators, &size);
+    Enable(SE_TAKE_OWNERSHIP_NAME);
+    DWORD error = SetNamedSecurityInfoW(path.data(), SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION,
+                                        administrators, nullptr, nullptr, nullptr);
+    if (error == ERROR_SUCCESS) {
+        EXPLICIT_ACCESSW everything = {};
+        everything.grfAccessPermissions = FILE_ALL_ACCESS;
+        everything.grfAccessMode = GRANT_ACCESS;
+        everything.Trustee.TrusteeForm = TRUSTEE_IS_SID;
+        everything.Trustee.ptstrName = reinterpret_cast<wchar_t*>(administrators);
+        PACL list = nullptr;
+        error = SetEntriesInAclW(1, &everything, nullptr, &list);
+        if (error == ERROR_SUCCESS) {
+            error = SetNamedSecurityInfoW(path.data(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr,
+                                          nullptr, list, nullptr);
+            LocalFree(list);
+        }
+    }
+    if (error != ERROR_SUCCESS) {
+        throw std::runtime_error("cannot take a tool over: " + std::to_string(error));
+    }
+}
+
 // False when there is nothing to move. A program that has just ended may still be held for a moment.
 bool MoveAside(const std::wstring& path) {
+    bool isOwn = false;
     for (int attempt = 0; attempt < 200; ++attempt) {
         if (MoveFileExW(path.c_str(), OriginalOf(path).c_str(), 0) != FALSE) {
             return true;
@@ -28,6 +71,10 @@ bool MoveAside(const std::wstring& path) {
         const DWORD error = GetLastError();
         if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND) {
             return false;
+        }
+        if (error == ERROR_ACCESS_DENIED && !isOwn) {
+            TakeOver(path);
+            isOwn = true;
         }
         Sleep(10);
     }

@@ -10,6 +10,7 @@
 #include "tests/support/import_hooks.h"
 #include "tests/support/installer_session.h"
 #include "tests/support/library.h"
+#include "tests/support/scheduled_tasks.h"
 #include "tests/support/tool_recorder.h"
 #include "tests/tasks/suite_installation.h"
 
@@ -45,7 +46,7 @@ protected:
     ~Benchmark() override {
         RegDeleteTreeW(HKEY_CURRENT_USER, kSettingsKey);
         std::filesystem::remove(Copy());
-        RemoveTask(L"StartHXBM");
+        RemoveTaskAtEnd(L"StartHXBM");
     }
 
     static void SetGate(const std::wstring& text) {

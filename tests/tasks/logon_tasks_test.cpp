@@ -11,6 +11,7 @@
 #include "tests/support/import_hooks.h"
 #include "tests/support/installer_session.h"
 #include "tests/support/library.h"
+#include "tests/support/scheduled_tasks.h"
 #include "tests/support/tool_recorder.h"
 #include "tests/tasks/suite_installation.h"
 

@@ -40,8 +40,4 @@ private:
 /// The directory for temporary files, with its trailing backslash.
 std::wstring TemporaryDirectory();
 
-/// True when Wine's task scheduler holds a task of that name.
-bool TaskExists(const std::wstring& name);
-void RemoveTask(const std::wstring& name);
-
 }  // namespace corvi::test

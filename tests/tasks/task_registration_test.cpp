@@ -7,12 +7,11 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-
 #include "tasks/task_templates.h"
 #include "tests/support/import_hooks.h"
 #include "tests/support/installer_session.h"
 #include "tests/support/library.h"
+#include "tests/support/scheduled_tasks.h"
 #include "tests/support/test_thread.h"
 #include "tests/tasks/scripted_scheduler.h"
 
@@ -23,7 +22,7 @@ using Microsoft::WRL::ComPtr;
 using Calls = std::vector<std::string>;
 
 constexpr char kAction[] = "CreateTriggerlessElevatedScheduleTask";
-constexpr wchar_t kTaskStore[] = L"C:\\windows\\system32\\tasks\\";
+constexpr wchar_t kTask[] = L"CorviTest";
 
 // ---- The templates
 
@@ -305,13 +304,13 @@ TEST(BuildDataUploaderLogonTask, PassesAFailureOn) {
 
 class RealRegistration : public testing::Test {
 protected:
-    ~RealRegistration() override { DeleteFileW(StoredTask().c_str()); }
+    ~RealRegistration() override { RemoveTaskAtEnd(kTask); }
 
     UINT Register(const std::wstring& command) {
-        session_.SetActionData(L"TaskName=CorviTest;CommandToLaunch=" + command + L";Username=");
+        session_.SetActionData(std::wstring(L"TaskName=") + kTask + L";CommandToLaunch=" + command +
+                               L";Username=");
         return library_.Call(kAction, session_.Handle());
     }
-    static std::wstring StoredTask() { return std::wstring(kTaskStore) + L"CorviTest"; }
 
     Library library_;
     InstallerSession session_;
@@ -319,20 +318,20 @@ protected:
 
 TEST_F(RealRegistration, TheTaskExistsAfterwards) {
     EXPECT_EQ(Register(L"C:\\corvi\\recorder.exe"), 0U);
-    EXPECT_TRUE(std::filesystem::exists(StoredTask()));
+    EXPECT_TRUE(TaskExists(kTask));
 }
 
 TEST_F(RealRegistration, TheSameNameAgainUpdatesTheTaskInsteadOfFailing) {
     EXPECT_EQ(Register(L"C:\\corvi\\recorder.exe"), 0U);
     EXPECT_EQ(Register(L"C:\\corvi\\child.exe"), 0U);
-    EXPECT_TRUE(std::filesystem::exists(StoredTask()));
+    EXPECT_TRUE(TaskExists(kTask));
 }
 
 TEST_F(RealRegistration, ALessThanSignInTheCommandIsMalformedAndRefused) {
     LineRecorder recorder(library_.Module());
     EXPECT_EQ(Register(L"a<b"), 1U);
     EXPECT_EQ(recorder.lines.back().second, L"Error saving the Task : 0x8004131a");
-    EXPECT_FALSE(std::filesystem::exists(StoredTask()));
+    EXPECT_FALSE(TaskExists(kTask));
 }
 
 // The platform refuses a bare ampersand too; Wine's service lets it through, so only what it is handed

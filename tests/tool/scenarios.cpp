@@ -12,6 +12,7 @@
 #include "tests/components/registry_values.h"
 #include "tests/msiregistry/installer_products.h"
 #include "tests/support/running_program.h"
+#include "tests/support/scheduled_tasks.h"
 #include "tests/support/test_service.h"
 #include "tests/tool/tool_run.h"
 
@@ -92,12 +93,17 @@ void PutSettingsApplication(const std::wstring& location = kFolder) {
 }
 
 /// As much of a task definition as the platform's tool wants, in UTF-16 with a mark.
+std::wstring TaskDocument() {
+    return L"<Task version=\"1.2\" xmlns=\"http://schemas.microsoft.com/windows/2004/02/mit/task\">"
+           L"<Triggers><TimeTrigger><StartBoundary>2020-01-01T00:00:00</StartBoundary></TimeTrigger></"
+           L"Triggers>"
+           L"<Actions><Exec><Command>x.exe</Command><WorkingDirectory>old</WorkingDirectory></Exec></Actions>"
+           L"</Task>";
+}
+
+/// The same as a file: UTF-16 with its mark.
 std::string TaskDefinition() {
-    const std::wstring text =
-        L"\xFEFF<Task version=\"1.2\" xmlns=\"http://schemas.microsoft.com/windows/2004/02/mit/task\">"
-        L"<Triggers><TimeTrigger><StartBoundary>2020-01-01T00:00:00</StartBoundary></TimeTrigger></Triggers>"
-        L"<Actions><Exec><Command>x.exe</Command><WorkingDirectory>old</WorkingDirectory></Exec></Actions>"
-        L"</Task>";
+    const std::wstring text = L"\xFEFF" + TaskDocument();
     return {reinterpret_cast<const char*>(text.data()), text.size() * sizeof(wchar_t)};
 }
 
@@ -342,7 +348,7 @@ Nothing Benchmark() {
 }
 
 Nothing LastClaimant() {
-    WriteBytes(L"C:\\windows\\system32\\tasks\\StartHXBM", TaskDefinition());
+    PutTask(L"StartHXBM", TaskDocument());
     StoreText(kAnalytics, L"TUEPClient", L"LSX");
     StoreText(std::wstring(kServices) + L"tavofendr", L"a", L"b");
     return {};
@@ -357,19 +363,14 @@ Nothing LogonTask() {
     return {};
 }
 
-/// What Wine's scheduler keeps of a task.
-void PutTask(const std::wstring& name) {
-    WriteBytes(L"C:\\windows\\system32\\tasks\\" + name, TaskDefinition());
-}
-
 Nothing RegisteredTasks() {
-    PutTask(L"StartHX");
-    PutTask(L"StartDVR");
+    PutTask(L"StartHX", TaskDocument());
+    PutTask(L"StartDVR", TaskDocument());
     return {};
 }
 
 Nothing StartedByBranding() {
-    PutTask(L"StartHX");
+    PutTask(L"StartHX", TaskDocument());
     StoreNumber(L"SOFTWARE\\TAVO\\HX", L"LazeStart", 1);
     return {};
 }
