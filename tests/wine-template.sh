@@ -44,8 +44,7 @@ PATH="$template/loader:$PATH"
 timeout -k 5 180 wine wineboot -i >/dev/null 2>&1 || fail "wineboot failed"
 # Wine's input and USB buses are no test's business, and on a busy machine their host now and then crashes while it
 # starts (IoCreateDevice without a driver). Without these devices it is not started.
-timeout -k 5 60 wine reg delete 'HKLM\SYSTEM\CurrentControlSet\Enum\ROOT\WINE' /f >/dev/null 2>&1 ||
-  fail "cannot remove Wine's own devices"
+timeout -k 5 60 wine reg delete 'HKLM\SYSTEM\CurrentControlSet\Enum\ROOT\WINE' /f >/dev/null 2>&1 || true
 set_value() {
   timeout -k 5 60 wine reg add "$1" /v "$2" /t "$3" /d "$4" /f >/dev/null 2>&1 || fail "cannot write $1 $2"
 }
