@@ -33,7 +33,7 @@ TEST(ForcedFailure, FailsWhenEverythingIsDoneAndTheRollbackTakesItBack) {
     EXPECT_EQ(run.Last("CreateLogonSchTask").lines.front(), "StartHX Scheduled task creation is successful");
     EXPECT_EQ(run.Count("CreateLogonSchTask.Rollback"), 2U) << "written to the script, and run";
     EXPECT_FALSE(TaskExists(L"StartHX"));
-    EXPECT_FALSE(FileExists(L"C:\\Program Files\\TAVO\\Forced Failure"));
+    EXPECT_TRUE(StartFolderIsGone(L"C:\\Program Files\\TAVO\\Forced Failure"));
     EXPECT_FALSE(MachineKeyExists(L"SOFTWARE\\QEL Technologies\\Install\\HXNext"));
 }
 

@@ -62,7 +62,7 @@ TEST_F(InstallManagerPackage, UninstallRemovesTasksFolderAndKey) {
         EXPECT_TRUE(line.starts_with("PostUnInstallKITE: Exit code for TAVO Install Manager")) << line;
     }
     EXPECT_FALSE(TaskExists(kTask));
-    EXPECT_FALSE(FileExists(kFolder));
+    EXPECT_TRUE(StartFolderIsGone(kFolder));
     EXPECT_FALSE(MachineKeyExists(kKey));
 }
 
@@ -91,7 +91,7 @@ TEST_F(InstallManagerPackage, AnInstallThatFailsLastLeavesNoElevatedTask) {
     EXPECT_NE(run.exitCode, 0U);
     EXPECT_EQ(run.Count("CreateTriggerlessElevatedScheduleTask"), 2U) << "written to the script, and run";
     EXPECT_FALSE(TaskExists(kTask));
-    EXPECT_FALSE(FileExists(kFolder));
+    EXPECT_TRUE(StartFolderIsGone(kFolder));
     EXPECT_FALSE(MachineKeyExists(kKey));
 }
 

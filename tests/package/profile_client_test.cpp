@@ -59,7 +59,7 @@ TEST_F(ProfileClientPackage, TheFirstClientInstallsTuepAndItsUninstallRemovesIt)
     EXPECT_EQ(RunInstaller(Uninstall(L"1.5.0", L"LSX")).exitCode, 0U);
     EXPECT_FALSE(ServiceExists(L"TUEPLauncher"));
     EXPECT_FALSE(TaskExists(L"StartTUEP"));
-    EXPECT_FALSE(FileExists(L"C:\\Program Files\\TAVO\\Performance Profile Client"));
+    EXPECT_TRUE(StartFolderIsGone(L"C:\\Program Files\\TAVO\\Performance Profile Client"));
     EXPECT_FALSE(MachineKeyExists(kAnalytics));
     EXPECT_EQ(MachineValue(L"SOFTWARE\\TAVO\\Install", L"TUEP"), L"1");
 }

@@ -100,7 +100,7 @@ TEST_F(SettingsPackage, InstallCreatesTheTasksAndClearsWhatOlderEditionsLeft) {
     EXPECT_FALSE(MachineValue(kRunKey, L"StartHX"));
     EXPECT_FALSE(MachineKeyExists(kProxyKey));
     EXPECT_TRUE(run.Ran("DeleteHXSlimINSTALLDIRFolder"));
-    EXPECT_FALSE(FileExists(L"C:\\corvi\\slim"));
+    EXPECT_TRUE(StartFolderIsGone(L"C:\\corvi\\slim"));
     for (const char* action : {"CreateBenchMarkRunOnceSchTask", "InstallContextMenuMSIX",
                                "LaunchInstallProxyHX", "DeleteSchedTaskonBranding", "LaunchHX"}) {
         EXPECT_EQ(run.Last(action).returnValue, 1) << action;
@@ -124,8 +124,8 @@ TEST_F(SettingsPackage, UninstallRemovesTasksFolderAndKeys) {
                 testing::Contains("DeleteHXINSTALLDIRFolder: Deleting HX registry result: 0 "));
     EXPECT_FALSE(TaskExists(L"StartHX"));
     EXPECT_FALSE(TaskExists(L"StartHXBM"));
-    EXPECT_FALSE(FileExists(kFolder));
-    EXPECT_FALSE(FileExists(kContextMenuFolder));
+    EXPECT_TRUE(StartFolderIsGone(kFolder));
+    EXPECT_TRUE(StartFolderIsGone(kContextMenuFolder));
     EXPECT_FALSE(MachineKeyExists(L"SOFTWARE\\TAVO\\HX"));
     EXPECT_FALSE(MachineKeyExists(L"SOFTWARE\\QEL Technologies\\Install\\HXNext"));
     EXPECT_TRUE(FileExists(L"C:\\Program Files"));
@@ -201,7 +201,7 @@ TEST_F(SettingsPackage, AnInstallThatFailsLastLeavesNoTaskNoFileAndNoKey) {
     EXPECT_FALSE(TaskExists(L"StartHX"));
     EXPECT_FALSE(TaskExists(L"StartHXBM"));
     EXPECT_TRUE(StartFolderIsGone(kFolder));
-    EXPECT_FALSE(FileExists(kContextMenuFolder));
+    EXPECT_TRUE(StartFolderIsGone(kContextMenuFolder));
     EXPECT_FALSE(MachineKeyExists(L"SOFTWARE\\TAVO\\HX"));
     EXPECT_FALSE(MachineKeyExists(L"SOFTWARE\\QEL Technologies\\Install\\HXNext"));
 }
@@ -232,7 +232,7 @@ TEST_F(SettingsPackage, NothingIsInstalledWhileItsFilesWaitToBeDeletedAtTheResta
     RunInstaller(kInstall);
     EXPECT_EQ(RunInstaller(kInstall + pending + kRepair).exitCode, 0U);
     EXPECT_EQ(RunInstaller(kUninstall + pending).exitCode, 0U);
-    EXPECT_FALSE(FileExists(kFolder));
+    EXPECT_TRUE(StartFolderIsGone(kFolder));
 }
 
 TEST_F(SettingsPackage, TheContextMenuIsInstalledOnlyWithItsFiles) {
@@ -271,7 +271,7 @@ TEST_F(SettingsPackage, RecordingUninstallsItsTaskAndVrFolderAndLeavesTheApplica
         EXPECT_TRUE(run.Ran(action)) << action;
     }
     EXPECT_FALSE(TaskExists(L"StartDVR"));
-    EXPECT_FALSE(FileExists(L"C:\\Program Files\\TAVO\\VR"));
+    EXPECT_TRUE(StartFolderIsGone(L"C:\\Program Files\\TAVO\\VR"));
     EXPECT_TRUE(FileExists(std::wstring(kFolder) + L"\\hxcmd.exe"));
     EXPECT_TRUE(TaskExists(L"StartHX"));
     EXPECT_TRUE(MachineKeyExists(L"SOFTWARE\\TAVODVR")) << "the tracking key stays for good";

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cwchar>
 #include <iterator>
+#include <utility>
 
 namespace corvi::test {
 namespace {
@@ -24,11 +25,13 @@ constexpr const wchar_t* kOwnFiles[] = {
 constexpr const wchar_t* kOwnProcesses[] = {L"corvi.exe", L"conhost.exe", L"plugplay.exe",
                                             L"winemenubuilder.exe", L"schtasks.exe"};
 
-constexpr const wchar_t* kClassesNotRead[] = {
+constexpr const wchar_t* kBulkNotRead[] = {
     L"HKLM\\Software\\Classes\\Interface",
     L"HKLM\\Software\\Classes\\MIME",
     L"HKLM\\Software\\Classes\\Typelib",
     L"HKLM\\Software\\Classes\\Wow6432Node",
+    L"HKLM\\Software\\Microsoft\\Windows\\CurrentVersion\\Telephony",
+    L"HKLM\\Software\\Microsoft\\Windows NT\\CurrentVersion\\Time Zones",
 };
 /// Where Wine counts the starts of services.
 constexpr wchar_t kServiceCount[] = L"HKLM\\System\\CurrentControlSet\\Control\\ServiceCurrent";
@@ -48,7 +51,8 @@ bool IsPipeFile(const std::wstring& folder, const std::wstring& name) {
 
 /// The same keys once more: CurrentControlSet is a link to it, except on older releases of Wine.
 constexpr wchar_t kControlSet[] = L"HKLM\\System\\ControlSet001";
-constexpr wchar_t kClassIds[] = L"HKLM\\Software\\Classes\\CLSID\\";
+/// Only the names below it.
+constexpr wchar_t kClassIds[] = L"HKLM\\Software\\Classes\\CLSID";
 
 bool EqualsAny(const std::wstring& text, const wchar_t* const* first, const wchar_t* const* last) {
     return std::any_of(first, last, [&](const wchar_t* one) { return _wcsicmp(text.c_str(), one) == 0; });
@@ -64,9 +68,16 @@ std::wstring Hex(const std::vector<BYTE>& bytes, std::size_t size) {
     return text;
 }
 
+/// What a key held when it was last written, and when that was.
+struct KeyContent {
+    FILETIME written = {};
+    std::vector<std::pair<std::wstring, std::wstring>> values;  ///< items of a machine's state
+    std::vector<std::wstring> subkeys;
+};
+
 class RegistryReader {
 public:
-    RegistryReader(MachineState& state, Depth depth) : state_(state), depth_(depth), name_(32768) {}
+    RegistryReader(MachineState& state, Depth depth) : state_(state), depth_(depth) {}
 
     void Read(HKEY root, const std::wstring& shown) { ReadBelow(root, shown); }
 
@@ -75,12 +86,8 @@ private:
         if (_wcsicmp(shown.c_str(), kServiceCount) == 0 || _wcsicmp(shown.c_str(), kControlSet) == 0) {
             return true;
         }
-        if (depth_ == Depth::Everything) {
-            return false;
-        }
-        const std::size_t length = wcslen(kClassIds);
-        return EqualsAny(shown, std::begin(kClassesNotRead), std::end(kClassesNotRead)) ||
-               _wcsnicmp(shown.c_str(), kClassIds, length) == 0;
+        return depth_ == Depth::WithoutBulk &&
+               EqualsAny(shown, std::begin(kBulkNotRead), std::end(kBulkNotRead));
     }
 
     void ReadBelow(HKEY key, const std::wstring& shown) {
@@ -88,11 +95,15 @@ private:
         if (IsSkipped(shown)) {
             return;
         }
-        ReadValues(key, shown);
-        for (const std::wstring& subkey : Subkeys(key)) {
-            HKEY opened = nullptr;
+        const KeyContent& content = ContentOf(key, shown);
+        state_.insert(content.values.begin(), content.values.end());
+        const bool namesOnly = depth_ == Depth::WithoutBulk && _wcsicmp(shown.c_str(), kClassIds) == 0;
+        for (const std::wstring& subkey : content.subkeys) {
             const std::wstring path = shown + L'\\' + subkey;
-            if (RegOpenKeyExW(key, subkey.c_str(), 0, KEY_READ, &opened) == ERROR_SUCCESS) {
+            HKEY opened = nullptr;
+            if (namesOnly) {
+                state_[L"key " + path] = L"there";
+            } else if (RegOpenKeyExW(key, subkey.c_str(), 0, KEY_READ, &opened) == ERROR_SUCCESS) {
                 ReadBelow(opened, path);
                 RegCloseKey(opened);
             } else {
@@ -101,36 +112,53 @@ private:
         }
     }
 
-    std::vector<std::wstring> Subkeys(HKEY key) {
+    /// Reads a key that was written since the last time, or is met first: most are not, and reading them all
+    /// again and again takes longer than everything that the tests do.
+    static const KeyContent& ContentOf(HKEY key, const std::wstring& shown) {
+        static std::map<std::wstring, KeyContent> known;
+        FILETIME written = {};
+        RegQueryInfoKeyW(key, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                         nullptr, &written);
+        const auto [place, isNew] = known.try_emplace(shown);
+        KeyContent& content = place->second;
+        if (isNew || CompareFileTime(&written, &content.written) != 0) {
+            content = {written, Values(key, shown), Subkeys(key)};
+        }
+        return content;
+    }
+
+    static std::vector<std::wstring> Subkeys(HKEY key) {
         std::vector<std::wstring> names;
+        wchar_t name[256];
         for (DWORD index = 0;; ++index) {
-            auto length = static_cast<DWORD>(name_.size());
-            if (RegEnumKeyExW(key, index, name_.data(), &length, nullptr, nullptr, nullptr, nullptr) !=
+            auto length = static_cast<DWORD>(std::size(name));
+            if (RegEnumKeyExW(key, index, name, &length, nullptr, nullptr, nullptr, nullptr) !=
                 ERROR_SUCCESS) {
                 return names;
             }
-            names.emplace_back(name_.data(), length);
+            names.emplace_back(name, length);
         }
     }
 
-    void ReadValues(HKEY key, const std::wstring& shown) {
-        std::vector<BYTE> data(65536);
+    static std::vector<std::pair<std::wstring, std::wstring>> Values(HKEY key, const std::wstring& shown) {
+        static std::vector<wchar_t> name(32768);
+        static std::vector<BYTE> data(65536);
+        std::vector<std::pair<std::wstring, std::wstring>> values;
         for (DWORD index = 0;; ++index) {
-            auto length = static_cast<DWORD>(name_.size());
+            auto length = static_cast<DWORD>(name.size());
             auto size = static_cast<DWORD>(data.size());
             DWORD type = 0;
-            if (RegEnumValueW(key, index, name_.data(), &length, nullptr, &type, data.data(), &size) !=
+            if (RegEnumValueW(key, index, name.data(), &length, nullptr, &type, data.data(), &size) !=
                 ERROR_SUCCESS) {
-                return;
+                return values;
             }
-            state_[L"value " + shown + L'|' + std::wstring(name_.data(), length)] =
-                std::to_wstring(type) + L':' + Hex(data, size);
+            values.emplace_back(L"value " + shown + L'|' + std::wstring(name.data(), length),
+                                std::to_wstring(type) + L':' + Hex(data, size));
         }
     }
 
     MachineState& state_;
     Depth depth_;
-    std::vector<wchar_t> name_;
 };
 
 void ReadFiles(MachineState& state, const std::wstring& folder) {

@@ -12,12 +12,14 @@ namespace corvi::test {
 using MachineState = std::map<std::wstring, std::wstring>;
 
 enum class Depth {
-    Programs,        ///< services and processes alone
-    WithoutClasses,  ///< of the registered classes only the names: thousands that no action comes near
+    Programs,  ///< services and processes alone
+    /// Without what is stored by the thousand and no action comes near: of the registered classes only the
+    /// names, nothing of time zones and telephone countries.
+    WithoutBulk,
     Everything,
 };
 
-MachineState ReadMachine(Depth depth = Depth::WithoutClasses);
+MachineState ReadMachine(Depth depth = Depth::WithoutBulk);
 
 /// One item that is not the same in two states.
 struct Difference {
