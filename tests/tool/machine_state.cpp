@@ -22,8 +22,10 @@ constexpr const wchar_t* kOwnFiles[] = {
 };
 /// Programs that come and go by themselves: the tool, its console, the platform's helpers; and the
 /// scheduler's tool, which some actions do not wait for.
-constexpr const wchar_t* kOwnProcesses[] = {L"corvi.exe", L"conhost.exe", L"plugplay.exe",
-                                            L"winemenubuilder.exe", L"schtasks.exe"};
+constexpr const wchar_t* kOwnProcesses[] = {L"corvi.exe",           L"conhost.exe",  L"plugplay.exe",
+                                            L"winemenubuilder.exe", L"schtasks.exe", L"rpcss.exe"};
+/// Starts with the first program that has a window, in its own time.
+constexpr wchar_t kOwnService[] = L"RpcSs";
 
 constexpr const wchar_t* kBulkNotRead[] = {
     L"HKLM\\Software\\Classes\\Interface",
@@ -200,8 +202,10 @@ void ReadServices(MachineState& state) {
                           nullptr);
     const auto* services = reinterpret_cast<const ENUM_SERVICE_STATUS_PROCESSW*>(buffer.data());
     for (DWORD index = 0; index < count; ++index) {
-        state[std::wstring(L"service ") + services[index].lpServiceName] =
-            L"state " + std::to_wstring(services[index].ServiceStatusProcess.dwCurrentState);
+        if (_wcsicmp(services[index].lpServiceName, kOwnService) != 0) {
+            state[std::wstring(L"service ") + services[index].lpServiceName] =
+                L"state " + std::to_wstring(services[index].ServiceStatusProcess.dwCurrentState);
+        }
     }
     CloseServiceHandle(manager);
 }
