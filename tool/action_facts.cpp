@@ -137,11 +137,12 @@ const DataKey kCameraDllKey = {
 const DataKey kMediaSourceKey = {
     .name = "VCDLLName=",
     .optional = true,
+    .mayBeEmpty = true,
     .example = "CameraSource.dll",
-    .meaning = "the media source's file name, used on Windows 11 only",
+    .meaning = "the media source's file name, used on Windows 11 only; empty when there is none",
     .misuse =
-        "It must stand behind DLLName=. Leave the whole key out when there is no "
-        "media source: do not write it empty."};
+        "It must stand behind DLLName=. Left out, another part of the text is taken for the "
+        "name, and no file has that."};
 
 // Log lines that several actions write.
 const LogText kActionDataLine = {"CustomActionData: %s", "the action data as the action got it", {}};
@@ -479,14 +480,14 @@ const std::vector<ActionFacts> kElevatedTask = {
      .data = {.keys = {kTaskNameKey, kCommandKey, kUserNameKey}},
      .changes = "Creates or replaces the task in the scheduler's root folder.",
      .takenBackNote =
-         "No action of the library deletes it, except the four tasks that PostUnInstallKITE names; else "
-         "the package must run schtasks /delete itself.",
+         "UnInstallPPC deletes StartTUEP, PostUnInstallKITE the four tasks that it names; any other the "
+         "package must delete itself with schtasks /delete.",
      .results = {{0, Outcome::Done, "the task is registered"},
                  {1, Outcome::Failed, "the task is not registered"}},
      .log = {kActionDataLine, kTaskNameLine, kCommandLine, kUserNameLine},
      .onFailure =
-         "Look at the three lines of the action data: & and < in the command, an unknown user or a task name "
-         "with a backslash make the registration fail. Why it failed is not in the installer's log."},
+         "Look at the three lines of the action data: & and < in the command or an unknown user make the "
+         "registration fail. Why it failed is not in the installer's log."},
 };
 
 const std::vector<ActionFacts> kServices = {
@@ -616,15 +617,16 @@ const std::vector<ActionFacts> kArbitration = {
      .reads = {{.root = "HKLM", .key = kTuepKey, .meaning = "the client register"}},
      .changes =
          "Writes the client's status in SOFTWARE\\TUEP (and its driver-side copy for LSX); removes the "
-         "registration of older installed copies; starts the task StartTUEP when TUEP is kept; writes "
-         "TUEPClient in SOFTWARE\\TAVO\\TAVOAnalytics.",
+         "registration of older installed copies; starts the task StartTUEP when an installed copy or "
+         "another "
+         "client's uninstall keeps TUEP; writes TUEPClient in SOFTWARE\\TAVO\\TAVOAnalytics.",
      .deletes = {"the registration of older installed copies, the product's own among them", true, false},
-     .takenBackNote = "On an uninstall it takes its own status back.",
+     .takenBackNote = "An uninstall beside another client sets the own status to 2; nothing deletes it.",
      .results =
          {{0, Outcome::Done, "go on: install, or remove; also without action data"},
           {259, Outcome::Skip,
-           "an installed copy is kept or another client holds TUEP: the installer skips the rest, "
-           "successfully"},
+           "an installed copy is kept, or another client holds TUEP and no older copy was found: the "
+           "installer skips the rest, successfully"},
           {1602, Outcome::Refused,
            "another client still uses TUEP: the uninstall ends as cancelled before anything is removed"}},
      .log = {kActionDataLine,
@@ -636,16 +638,18 @@ const std::vector<ActionFacts> kArbitration = {
              {"getRelatedMSIProducts::No Related Products found",
               "the list of installed copies could not be read",
               {}},
-             {"getRelatedMSIProducts::Related Products found", "the list of installed copies is complete",
-              "It is written whatever was found, also when nothing was."},
+             {"getRelatedMSIProducts::Related Products found",
+              "the list of installed copies has been asked for",
+              "It is written whatever was found, also when nothing was or the list could not be read."},
              kQueryFailedLine,
              {"Unable to obtain MSI infomation. %hs Attempt to uninstall using msiexec",
               "the installed copies could not be asked",
               "The placeholder is part of the line, and no uninstaller is started."},
              {"Previous installed - Version %s - Path - %s", "an installed copy and its cached package", {}},
              {"Skipping install as - %s installed", "that copy is not older: it is kept, result 259", {}},
-             {"Uninstall %s as it is older", "that copy is older: its registration was removed",
-              "Only its registration goes; its files stay for the new version to replace."}},
+             {"Uninstall %s as it is older", "that copy is older: its registration is removed",
+              "Only its registration goes; its files stay for the new version to replace. A removal that "
+              "fails has the same line."}},
      .onFailure = "259 and 1602 are decisions: look at the statuses in SOFTWARE\\TUEP and at the installed "
                   "copies that "
                   "the lines name."},
@@ -907,9 +911,10 @@ const std::vector<ActionFacts> kSettings = {
               "and no package is ever removed."},
              {"DeleteHXINSTALLDIRFolder: HXNEXT install location: %s", "the folder that is deleted", {}},
              {"DeleteHXINSTALLDIRFolder: Failed to delete HXNEXT directory. Exception occurred.",
-              "neither the registry nor the action data names a folder, or its deletion failed",
+              "the registry names no folder, and the action data could not be read or is longer than 519 "
+              "characters",
               {}}},
-     .onFailure = "Look at the line with the install location: without one nothing was deleted."},
+     .onFailure = "Look at the line with the install location: without one no folder was deleted."},
     {.name = "DeleteHXNoUpgrade",
      .room = "Settings application",
      .purpose = "Deletes the application's keys on an uninstall that is no upgrade.",
@@ -1027,7 +1032,7 @@ const std::vector<ActionFacts> kSettings = {
                  "WIX_UPGRADE_DETECTED`; declared `Return=\"ignore\"`: it answers 1 for success.",
      .condition = "NOT Installed AND NOT WIX_UPGRADE_DETECTED",
      .place = "Before=\"InstallFinalize\"",
-     .data = {.whole = "the install folder; without it the proxy is looked for on the current drive",
+     .data = {.whole = "the install folder; without it the path of the proxy names a server",
               .wholeExample = "[INSTALLFOLDER]"},
      .reads =
          {{.root = "HKLM", .key = kCoreStaticKey, .value = "Location", .meaning = "the client's folder"}},

@@ -1,5 +1,6 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cctype>
 #include <memory>
 #include <nlohmann/json.hpp>
 
@@ -31,6 +32,26 @@ struct ReadEntry {
     std::string problem;
 };
 
+/// Why a key that was found is not at the start of its own entry; empty when it is.
+std::string Misplaced(const std::string& data, std::size_t found) {
+    const std::size_t before = found == 0 ? std::string::npos : data.find_last_not_of(" \t", found - 1);
+    if (before == std::string::npos || data[before] == ';') {
+        return "";
+    }
+    return before == found - 1 && std::isalnum(static_cast<unsigned char>(data[before])) != 0
+               ? "found inside a longer key: it must stand before that one"
+               : "found inside another entry: a semicolon is missing before it";
+}
+
+/// Why a key that is missing matters.
+std::string Missing(const DataKey& key, bool readsAnotherPart) {
+    if (!readsAnotherPart) {
+        return "missing, and the text is too short to be read elsewhere: the action gives its steps up here";
+    }
+    return key.optional ? "left out: the action reads another part of the text"
+                        : "missing: the action reads another part of the text";
+}
+
 /// The action data taken apart as the library does it: the first match counts, wherever it stands, and a
 /// key that is missing gives the text that begins one character before its own length.
 std::vector<ReadEntry> TakeApart(const ActionFacts& facts, const std::string& data) {
@@ -39,21 +60,18 @@ std::vector<ReadEntry> TakeApart(const ActionFacts& facts, const std::string& da
         ReadEntry entry{key.name, {}, {}};
         const std::size_t found = data.find(key.name);
         const bool missing = found == std::string::npos;
-        if (missing && key.optional) {
-            continue;
-        }
         const std::size_t start = missing ? key.name.size() - 1 : found + key.name.size();
         if (start <= data.size()) {
             const std::size_t end = data.find(';', start);
             entry.value = data.substr(start, end == std::string::npos ? end : end - start);
         }
         if (missing) {
-            entry.problem = start <= data.size() ? "missing: the action reads another part of the text"
-                                                 : "missing: the action does nothing with this data";
-        } else if (found > 0 && data[found - 1] != ';') {
-            entry.problem = "found inside a longer key: it must stand before that one";
-        } else if (entry.value.empty() && !key.mayBeEmpty) {
-            entry.problem = "empty";
+            entry.problem = Missing(key, start <= data.size());
+        } else {
+            entry.problem = Misplaced(data, found);
+            if (entry.problem.empty() && entry.value.empty() && !key.mayBeEmpty) {
+                entry.problem = "empty";
+            }
         }
         entries.push_back(entry);
     }

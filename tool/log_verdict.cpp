@@ -70,6 +70,9 @@ Outcome WithCode(LoggedRun& run) {
         if (*run.code == 1603 && result->outcome == Outcome::Failed && !MissingKeys(*run.facts).empty()) {
             run.result += "; or " + EscapedError(*run.facts);
         }
+        if (*run.code == 1603 && result->outcome == Outcome::Done) {
+            run.result += "; or an error left the action, which has the same number";
+        }
         return result->outcome;
     }
     if (*run.code == 0) {

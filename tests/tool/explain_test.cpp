@@ -51,12 +51,12 @@ std::string PartOf(const std::string& story, const std::string& heading) {
 
 /// A log of one deferred action in Windows' shape, with these lines and this result.
 std::string OneAction(const std::string& name, int type, const std::string& lines,
-                      const std::string& returned) {
+                      const std::string& returned, const std::string& data = {}) {
     return "MSI (s) (A4:B0) [10:00:00:000]: Doing action: InstallFinalize\nAction start 10:00:00: "
            "InstallFinalize.\n"
            "MSI (s) (A4:B0) [10:00:01:000]: Executing op: CustomActionSchedule(Action=" +
-           name + ",ActionType=" + std::to_string(type) + ",Source=BinaryData,Target=" + name + ",)\n" +
-           lines +
+           name + ",ActionType=" + std::to_string(type) + ",Source=BinaryData,Target=" + name + "," +
+           (data.empty() ? "" : "CustomActionData=" + data) + ")\n" + lines +
            (returned.empty() ? ""
                              : "CustomAction " + name + " returned actual error code " + returned + "\n") +
            "MSI (s) (A4:B0) [10:00:03:500]: Executing op: ActionStart(Name=InstallFiles,,)\n";
@@ -98,6 +98,38 @@ TEST(Explain, AnActionUnderAPackagesOwnNameIsToldByItsEntryPoint) {
 TEST(Explain, AMisplacedKeyOfTheActionDataIsNamed) {
     EXPECT_THAT(RunTool(L"explain windows_failed.log").output,
                 HasSubstr("DLLName= CameraSource.dll  <- found inside a longer key"));
+}
+
+std::string ExplainedTask(const std::string& data) {
+    return ExplainText(OneAction("CreateTriggerlessElevatedScheduleTask", kChecked, "", "0", data)).output;
+}
+
+TEST(Explain, AKeyBehindASemicolonAndABlankBeginsItsOwnEntry) {
+    const std::string story = ExplainedTask("TaskName=T; CommandToLaunch=C:\\p.exe; Username=u");
+    EXPECT_THAT(story, AllOf(HasSubstr("TaskName= T\n"), HasSubstr("CommandToLaunch= C:\\p.exe\n"),
+                             HasSubstr("Username= u\n"), Not(HasSubstr("<-"))));
+}
+
+TEST(Explain, AKeyWithinAnotherEntryWantsItsSemicolon) {
+    EXPECT_THAT(ExplainedTask("TaskName=T;CommandToLaunch=C:\\p.exe Username=u"),
+                HasSubstr("Username= u  <- found inside another entry: a semicolon is missing"));
+}
+
+TEST(Explain, AMissingKeyIsToldWithWhatTheActionReadsInItsPlace) {
+    EXPECT_THAT(ExplainedTask("TaskName=T;CommandToLaunch=C:\\p.exe"),
+                HasSubstr("Username= =T  <- missing: the action reads another part of the text"));
+    EXPECT_THAT(ExplainedTask("TaskName=T"),
+                HasSubstr("CommandToLaunch=  <- missing, and the text is too short"));
+}
+
+TEST(Explain, AKeyThatMayBeLeftOutAndEmptyIsToldAsItIsRead) {
+    const auto explained = [](const std::string& data) {
+        return ExplainText(OneAction("UnregisterDLL", kChecked, "", "0", data)).output;
+    };
+    EXPECT_THAT(explained("InstallDir=C:\\A\\;DLLName=b.dll"),
+                HasSubstr("VCDLLName= r=C:\\A\\  <- left out: the action reads another part of the text"));
+    EXPECT_THAT(explained("InstallDir=C:\\A\\;DLLName=b.dll;VCDLLName="),
+                AllOf(HasSubstr("VCDLLName=\n"), Not(HasSubstr("<-"))));
 }
 
 TEST(Explain, WhatTheScriptDidNotGetToNeverRan) {
@@ -195,7 +227,7 @@ TEST(Explain, AnInvertedSuccessIsASuccess) {
         ExplainText(OneAction("DeleteOPTXCameraGUID", kIgnored, "",
                               "1603 but will be translated to success due to continue marking"));
     EXPECT_EQ(0u, run.exitCode);
-    EXPECT_THAT(run.output, HasSubstr("1603 (done)"));
+    EXPECT_THAT(run.output, AllOf(HasSubstr("1603 (done)"), HasSubstr("or an error left the action")));
 }
 
 TEST(Explain, AnIgnoredFailureIsAFailureThatPasses) {
