@@ -74,6 +74,9 @@ std::vector<ReadEntry> TakeApart(const ActionFacts& facts, const std::string& da
             }
         }
         entries.push_back(entry);
+        if (missing && start > data.size()) {
+            break;
+        }
     }
     return entries;
 }
