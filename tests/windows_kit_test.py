@@ -105,8 +105,9 @@ class Kit(unittest.TestCase):
 
     def test_what_an_earlier_program_still_holds_in_the_stage_is_named(self):
         self.program(BUILD / "tests" / "action_data_test.exe")
-        hold = ("cp stage/sleeper.exe ../corvi/held.exe; (wine C:/corvi/held.exe >/dev/null 2>&1 &); "
-                "for _ in $(seq 100); do wine tasklist | grep -q held.exe && break; sleep 0.1; done")
+        # It makes a file once it is up.
+        hold = ("cp stage/leaver.exe ../corvi/held.exe; (wine C:/corvi/held.exe stay >/dev/null 2>&1 &); "
+                "for _ in $(seq 600); do [ -e ../left.txt ] && break; sleep 0.1; done")
         code, output = self.run_kit(CONSENT, prepare=hold)
         self.assertEqual(0, code, output)
         self.assertIn("earlier programs left and still hold: held.exe\n", output)
