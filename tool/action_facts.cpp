@@ -979,7 +979,7 @@ const std::vector<ActionFacts> kSettings = {
               .optional = true},
      .reads = {kSettingsLocation},
      .changes = "Deletes the subfolders Assets and Strings and the file resources.pri of the location.",
-     .deletes = {"Assets, Strings and resources.pri of the settings application's folder", true, false},
+     .deletes = {"Assets, Strings and resources.pri of the settings application's folder", true, true},
      .takenBackNote = "The package that carries the assets installs them again.",
      .results = {kAlwaysDone},
      .onFailure = "Without any location nothing is deleted."},
@@ -1282,7 +1282,7 @@ const std::vector<ActionFacts> kRecording = {
                 .meaning = "SteamVR's folder"}},
      .changes =
          "Closes the settings application; runs vrpathreg.exe removedriver with the driver folder and waits.",
-     .deletes = {"the VR driver's entry in SteamVR's list", true, false},
+     .deletes = {"the VR driver's entry in SteamVR's list", true, true},
      .takenBackNote = "Nothing takes it back: the VR component registers itself.",
      .results = {kAlwaysDone},
      .onFailure = "Without SteamVR nothing runs; its tool edits the calling user's file, so the action must "
