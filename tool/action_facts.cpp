@@ -142,7 +142,7 @@ const DataKey kMediaSourceKey = {
     .meaning = "the media source's file name, used on Windows 11 only; empty when there is none",
     .misuse =
         "It must stand behind DLLName=. Left out, another part of the text is taken for the "
-        "name, and no file has that."};
+        "name: write it empty instead."};
 
 // Log lines that several actions write.
 const LogText kActionDataLine = {"CustomActionData: %s", "the action data as the action got it", {}};
@@ -618,8 +618,7 @@ const std::vector<ActionFacts> kArbitration = {
      .changes =
          "Writes the client's status in SOFTWARE\\TUEP (and its driver-side copy for LSX); removes the "
          "registration of older installed copies; starts the task StartTUEP when an installed copy or "
-         "another "
-         "client's uninstall keeps TUEP; writes TUEPClient in SOFTWARE\\TAVO\\TAVOAnalytics.",
+         "another client's uninstall keeps TUEP; writes TUEPClient in SOFTWARE\\TAVO\\TAVOAnalytics.",
      .deletes = {"the registration of older installed copies, the product's own among them", true, false},
      .takenBackNote = "An uninstall beside another client sets the own status to 2; nothing deletes it.",
      .results =

@@ -36,7 +36,7 @@ void Enable(const wchar_t* privilege) {
 /// Makes administrators the owners of a file, with every right. Windows' own tools belong to its installer,
 /// and others, whoever they are, may only run them.
 void TakeOver(std::wstring path) {
-    BYTE administrators[SECURITY_MAX_SID_SIZE] = {};
+    alignas(SID) BYTE administrators[SECURITY_MAX_SID_SIZE] = {};
     DWORD size = sizeof(administrators);
     CreateWellKnownSid(WinBuiltinAdministratorsSid, nullptr, administrators, &size);
     Enable(SE_TAKE_OWNERSHIP_NAME);
